@@ -1,0 +1,1 @@
+#include "qmcache/qmcache.hpp"
