@@ -1,9 +1,266 @@
 // The exported CA_ calls, the library's global state and the trace log.
+#include <assert.h>
+#include <stdarg.h>
+#include <stdio.h>
+#include <string.h>
+#include <time.h>
+
 #include "qmcache/qmcache.hpp"
 
-// The threading mode comes first: the lock classes read it from load time on.
+// ==== Global state ===========================================================
+
+// The threading mode comes first: the lock classes read it from load time on,
+// and it stays 0 (real locking) until a controller is built.
 int SingleThreaded = 0;
 CAStatistic* MainStat = nullptr;
 Trace* trace = nullptr;
 CAFreeHandle free_handle = nullptr;
 CAFree* cafree = nullptr;
+
+// 1 while the library is initialised.
+static int inited = 0;
+// 1 while the structure check is switched on; survives CA_DEINIT.
+static int checkEnabled = 0;
+
+namespace {
+
+// Calls that work without an explicit CA_INIT start the library in
+// single-threaded mode.
+void InitOnDemand() {
+  if (!inited) CA_INIT(1);
+}
+
+// Lengths cross the interface as int; they are widened with their sign.
+unsigned long Widen(int value) {
+  return static_cast<unsigned long>(static_cast<long>(value));
+}
+
+// asctime's layout: "Www Mmm dd hh:mm:ss yyyy\n" plus the terminating zero.
+constexpr size_t kTimeTextSize = 26;
+
+}  // namespace
+
+// ==== Trace log ==============================================================
+
+// A null path opens nothing, like a path that cannot be opened: the log is
+// valid and silent.
+Trace::Trace(char const* path) : lock(), file(nullptr) {
+  if (path != nullptr) file = fopen(path, "w");
+}
+
+Trace::~Trace() {
+  if (file != nullptr) {
+    fclose(file);
+    file = nullptr;
+  }
+}
+
+// One line: the message, " at " and the local time in asctime's layout. The
+// reentrant conversions give the same text as localtime/asctime without
+// their shared buffers; they still run inside the lock so that the time
+// written follows the order of the lines. When the lock cannot be taken
+// within 1000 ms (or has no core) the line is dropped: a lost line is
+// preferable to two writers interleaving in one file.
+void Trace::Write(char const* format, ...) {
+  if (file == nullptr) return;
+  if (lock.Enter(1000) != 1) return;
+
+  char timeText[kTimeTextSize];
+  time_t now = time(nullptr);
+  struct tm local;
+  if (localtime_r(&now, &local) == nullptr ||
+      asctime_r(&local, timeText) == nullptr) {
+    // Out of asctime's range (a year past 9999): keep the line's shape.
+    snprintf(timeText, sizeof timeText, "%s", "??? ??? ?? ??:??:?? ????\n");
+  }
+
+  va_list args;
+  va_start(args, format);
+  vfprintf(file, format, args);
+  va_end(args);
+  fprintf(file, " at %s", timeText);
+  fflush(file);
+
+  lock.Exit();
+}
+
+// ==== Exported calls =========================================================
+
+extern "C" {
+
+// Re-initialising with the mode unchanged keeps the current controller: it
+// holds nothing but scratch state between passes, so rebuilding it would buy
+// nothing. The mode is compared as given, since the controller stores it
+// unchanged in SingleThreaded.
+int CA_INIT(int singleThreaded) {
+  if (!inited) {
+    if (MainStat == nullptr) MainStat = new CAStatistic(8);
+    if (cafree == nullptr) cafree = new CAFree(singleThreaded);
+    inited = 1;
+    return 1;
+  }
+  if (singleThreaded != SingleThreaded) {
+    CAFree* old = cafree;
+    cafree = nullptr;
+    delete old;
+    cafree = new CAFree(singleThreaded);
+  }
+  return 1;
+}
+
+int CA_DEINIT(void) {
+  if (!inited) return 1;
+  inited = 0;
+
+  delete MainStat;
+  MainStat = nullptr;
+
+  // No controller from here on: the teardown below starts no reclamation.
+  CAFree* controller = cafree;
+  cafree = nullptr;
+  delete controller;
+
+  CACache::CleanUp();
+
+  if (trace != nullptr) {
+    trace->Write("CACACHE Closed");
+    Trace* log = trace;
+    trace = nullptr;
+    delete log;
+  }
+  return 1;
+}
+
+int CA_GETSTAT(void* handle, int slot, _CAStat* out) {
+  InitOnDemand();
+  if (trace != nullptr) trace->Write("CACACHE Status returned");
+
+  if (handle == nullptr && MainStat != nullptr) {
+    MainStat->Get(slot, out, 1);
+    return 1;
+  }
+  CACacheAction* action = CACacheAction::GetAction(handle);
+  if (action != nullptr && action->cache != nullptr) {
+    action->cache->stats.Get(slot, out, 1);
+    return 1;
+  }
+  memset(out, 0, sizeof *out);
+  return 0;
+}
+
+void* CA_CREATE(const char* name, CAParams* params) {
+  InitOnDemand();
+  CACacheAction* action = CACache::Create(const_cast<char*>(name), params);
+  assert(action != nullptr);
+  if (trace != nullptr) {
+    trace->Write("CACACHE Create Cache '%s' returns %p", name,
+                 static_cast<void*>(action));
+  }
+  return action;
+}
+
+int CA_GETCACHESTAT(void* handle, CAParams* params) {
+  InitOnDemand();
+  if (trace != nullptr) trace->Write("CACACHE Status for all timings returned");
+  return CACache::GetCacheStat(handle, params);
+}
+
+void CA_CLOSE(void* handle) {
+  CACache::Close(handle);
+  if (trace != nullptr) trace->Write("CACACHE %p cache closed", handle);
+}
+
+int CA_INSERT(void* handle, int tag, int flags, int lifetime, int keyLength,
+              const void* key, int size, int length, const void* data) {
+  int result = -1;
+  CACacheAction* action = CACacheAction::GetAction(handle);
+  if (action != nullptr) {
+    result =
+        action->Insert(tag, flags, static_cast<long>(lifetime),
+                       Widen(keyLength), const_cast<void*>(key), Widen(size),
+                       Widen(length), const_cast<void*>(data));
+  }
+  if (trace != nullptr)
+    trace->Write("CACACHE Insert a record Length=%d", length);
+  return result;
+}
+
+void* CA_SEARCH(void* handle, int maxAge, int keyLength, const void* key) {
+  void* record = nullptr;
+  CACacheAction* action = CACacheAction::GetAction(handle);
+  if (action != nullptr) {
+    record = action->Search(static_cast<long>(maxAge), Widen(keyLength),
+                            const_cast<void*>(key));
+  }
+  if (trace != nullptr) trace->Write("CACACHE Search a record is %p", record);
+  return record;
+}
+
+int CA_QUERY(void* handle, void* record, CAQuery* query) {
+  int result = 0;
+  CACacheAction* action = CACacheAction::GetAction(handle);
+  if (action != nullptr) result = action->Query(record, query);
+  if (trace != nullptr) trace->Write("CACACHE Record %p returned", record);
+  return result;
+}
+
+void CA_FREE(void* handle, void* record) {
+  CACacheAction* action = CACacheAction::GetAction(handle);
+  if (action != nullptr) action->FreeHandle(record);
+  if (trace != nullptr) trace->Write("CACACHE Record %p released", record);
+}
+
+void CA_ERASE(void* handle, void* record) {
+  CACacheAction* action = CACacheAction::GetAction(handle);
+  if (action != nullptr) action->EraseHandle(record);
+  if (trace != nullptr) {
+    trace->Write("CACACHE Record %p erased from cache", record);
+  }
+}
+
+int CA_SETFREE(CAFreeHandle callback) {
+  InitOnDemand();
+  int hadOne = free_handle != nullptr ? 1 : 0;
+  free_handle = callback;
+  if (trace != nullptr) {
+    trace->Write("CACACHE FreeHandle set to %p",
+                 reinterpret_cast<void*>(callback));
+  }
+  return hadOne;
+}
+
+// A null `count` is served from a local int, so the call still lists and the
+// trace line reports the size the host would have seen.
+void** CA_LIST(void* handle, int* count) {
+  int localCount = 0;
+  int* counter = count != nullptr ? count : &localCount;
+  void** list = nullptr;
+  CACacheAction* action = CACacheAction::GetAction(handle);
+  if (action != nullptr) list = action->GetCacheAsList(counter);
+  if (trace != nullptr) {
+    trace->Write("CACACHE as a list returned with size: %d", *counter);
+  }
+  return list;
+}
+
+void CA_LIST_FREE(void* handle, void* list) {
+  CACacheAction* action = CACacheAction::GetAction(handle);
+  if (action == nullptr) return;
+  if (trace != nullptr) trace->Write("CACACHE_LIST Record %p released", list);
+  action->FreeList(list);
+}
+
+int CA_SETCHECK(int on) {
+  checkEnabled = on != 0 ? 1 : 0;
+  return checkEnabled;
+}
+
+// Never initialises on demand: an uninitialised library has nothing to check.
+int CA_CHECKCACHE(unsigned int traceId) {
+  if (!checkEnabled || !inited) return 0;
+  int result = CACache::CheckCache(traceId);
+  if (trace != nullptr) trace->Write("CACACHE check cache");
+  return result;
+}
+
+}  // extern "C"
