@@ -1,1 +1,369 @@
+// The reclamation controller (CAFree): eviction passes, key-tree rebuilds,
+// the trigger entry point and the pending list.
+//
+// Design notes
+//  - Everything here runs on the thread of the host call that crossed a
+//    limit, and takes no lock. The grade arrays, `freeTime`, `deleted` and
+//    `busy` are process-wide scratch state: the host serialises every call
+//    that can start reclamation.
+//  - `busy` keeps the erases of a running pass from starting another pass
+//    through CACache::FreeNode. A nested pass would overwrite the candidate
+//    arrays and could rebuild (and so free) the very tree nodes that the
+//    running pass still holds in `candidates`.
+//  - The candidate arrays survive from pass to pass and only grow, so a cache
+//    of steady size grades its records without allocating.
+//
+// What may be attached to `stopper`: any object of a class derived from
+// CAFreeStopper, allocated with `new`. The controller owns it from then on
+// and deletes it in its own destructor; while one is attached, Procedure
+// works through no further entry of the pending list (it still drops the
+// entries already done). The library itself never attaches one.
+//
+// Memory for the candidate arrays: when the arrays cannot be grown, the pass
+// keeps the capacity it has and grades no further candidates beyond it; it
+// still erases from those it collected. A controller whose first arrays
+// could not be had starts with a capacity of 0 and tries again at the first
+// candidate.
+//
+// The pending list: the library adds no entries and nothing in it calls
+// Procedure. A host that adds entries keeps at most one entry per cache
+// (DeleteFromList removes only the first match), and the entry's handle must
+// belong to the entry alone: it must not stay registered in the cache's
+// handle table, because a cache destroys every handle of its table before it
+// calls DeleteFromList, which destroys the entry's handle once more.
+#include <stdlib.h>
+#include <time.h>
+
+#include <cassert>
+#include <utility>
+
 #include "qmcache/qmcache.hpp"
+
+// Reference time of the current eviction pass; every grade of the pass is
+// computed against it.
+static time_t freeTime;
+// Records erased so far in the current pass; numbers the pass's trace lines.
+static unsigned long deleted;
+
+namespace {
+
+// Statistic slots of the two passes.
+constexpr int kEvictionSlot = 6;
+constexpr int kRebuildSlot = 7;
+
+// A tree with more free nodes than this is rebuilt.
+constexpr unsigned int kMaxFreeNodes = 20000;
+// Nodes collected before they are inserted into the new tree.
+constexpr int kBatchSize = 1000;
+// The grade arrays grow by this many entries.
+constexpr unsigned int kGradStep = 100;
+
+// Grade of a record that must go (expired): ahead of every ordinary grade.
+constexpr double kForcedGrade = 1e10;
+// Once the byte target is met, candidates graded at least this still go.
+constexpr double kAlwaysGrade = 1e9;
+
+// Grows both grade arrays by one step. Returns false, keeping the current
+// capacity, when the memory cannot be had.
+bool GrowGrades(CAFree* f) {
+  unsigned int capacity = f->gradCapacity + kGradStep;
+  double* grades =
+      static_cast<double*>(realloc(f->grades, capacity * sizeof(double)));
+  if (grades == nullptr) return false;
+  f->grades = grades;
+  BTree** candidates =
+      static_cast<BTree**>(realloc(f->candidates, capacity * sizeof(BTree*)));
+  if (candidates == nullptr) return false;
+  f->candidates = candidates;
+  f->gradCapacity = capacity;
+  return true;
+}
+
+// Adds the controller's clock reading to a pass slot of the cache and of the
+// library; reclamation time never goes to the cache's `timing`.
+void RecordPass(CACache* cache, int slot, double elapsed) {
+  cache->stats.Add(slot, elapsed);
+  if (MainStat != nullptr) MainStat->Add(slot, elapsed);
+}
+
+// Puts the figures of the cache's `timing` slot into its parameters.
+void RefreshTiming(CACache* cache) {
+  cache->timing.Get(0, &cache->params.timing, 1);
+}
+
+}  // namespace
+
+CAFree::CAFree(int singleThreaded) : clock(), lock1(), lock2() {
+  gradCapacity = kGradStep;
+  SingleThreaded = singleThreaded;
+  grades = static_cast<double*>(malloc(kGradStep * sizeof(double)));
+  candidates = static_cast<BTree**>(malloc(kGradStep * sizeof(BTree*)));
+  if (grades == nullptr || candidates == nullptr) {
+    // Start empty; the first candidate of a pass tries again.
+    free(grades);
+    free(candidates);
+    grades = nullptr;
+    candidates = nullptr;
+    gradCapacity = 0;
+  }
+  pending = nullptr;
+  stopper = nullptr;
+  busy = 0;
+}
+
+CAFree::~CAFree() {
+  delete stopper;
+  stopper = nullptr;
+  CAFreeEntry* entry = pending;
+  pending = nullptr;
+  while (entry != nullptr) {
+    CAFreeEntry* next = entry->next;
+    delete entry->action;
+    free(entry);
+    entry = next;
+  }
+  free(grades);
+  free(candidates);
+  grades = nullptr;
+  candidates = nullptr;
+  // lock2, lock1 and clock are destroyed after this body, in that order.
+}
+
+double CAFree::DeleteGrad(BTree* node, unsigned long budget) {
+  if (node == nullptr || node->payload == nullptr) return 0;
+  const CARecord* record = static_cast<const CARecord*>(node->payload);
+  if (record->flags & CAREC_PINNED) return 0;
+  const long age = static_cast<long>(freeTime - record->created);
+  if (record->flags & CAREC_EXPIRES) {
+    // Held or not, an expired record goes; before that it is never chosen.
+    return record->lifetime <= age ? -1 : 0;
+  }
+  if (record->refCount != 0) return 0;
+  // A record made in the pass's own second is never a candidate.
+  if (age == 0) return 0;
+  const double uses =
+      static_cast<double>(static_cast<unsigned long>(record->hits) + 1);
+  return (static_cast<double>(age + 1) / uses) * static_cast<double>(budget) +
+         static_cast<double>(record->length);
+}
+
+void CAFree::QuickSort(int lo, int hi) {
+  // The two parts of a partition are disjoint, so sorting the smaller one
+  // first (recursively) and the larger one in the loop gives the same
+  // permutation as any other order while bounding the stack at log2(n).
+  while (lo < hi) {
+    const double pivot = grades[(lo + hi) / 2];
+    int i = lo;
+    int j = hi;
+    do {
+      while (grades[i] > pivot) ++i;
+      while (grades[j] < pivot) --j;
+      if (i < j) {
+        std::swap(grades[i], grades[j]);
+        std::swap(candidates[i], candidates[j]);
+        ++i;
+        --j;
+      } else if (i == j) {
+        ++i;
+        --j;
+      }
+    } while (i <= j);
+    assert(j < i);
+    if (j - lo < hi - i) {
+      if (j > lo) QuickSort(lo, j);
+      lo = i;
+    } else {
+      if (i < hi) QuickSort(i, hi);
+      hi = j;
+    }
+  }
+}
+
+int CAFree::Compress(CACacheAction* action) {
+  // Nothing to reclaim without a cache.
+  if (action == nullptr || action->cache == nullptr) return 1;
+  CACache* cache = action->cache;
+  RefreshTiming(cache);
+
+  const unsigned int maxBytes = cache->params.maxBytes;
+  const unsigned int mark = maxBytes - maxBytes / 10;
+  const unsigned int allocated = cache->params.allocated;
+  if (allocated <= mark) return 1;
+  const size_t toDelete = allocated - mark;
+  if (trace) trace->Write("CACACHE Cache has %zu bytes to delete", toDelete);
+
+  // The erases below reach the free-node trigger; hold it off for the whole
+  // pass so that no nested pass reuses the arrays or frees the nodes listed
+  // in `candidates`.
+  const int wasBusy = busy;
+  busy = 1;
+
+  deleted = 0;
+  freeTime = time(nullptr);
+
+  BTreeNumerator* walk = nullptr;
+  BTree* node = cache->First(&walk);
+  clock.Start();
+  const unsigned long budget = maxBytes;
+  unsigned int n = 0;
+  for (; node != nullptr; node = cache->Next(&walk)) {
+    const double grade = DeleteGrad(node, budget);
+    if (grade == 0) continue;
+    if (n == gradCapacity && !GrowGrades(this)) continue;
+    grades[n] = grade < 0 ? kForcedGrade : grade;
+    candidates[n] = node;
+    ++n;
+  }
+  assert(walk == nullptr);
+  if (trace) trace->Write("CACACHE Found %u record avaiable to delete", n);
+
+  if (n >= 2) QuickSort(0, static_cast<int>(n) - 1);
+
+  long remaining = static_cast<long>(toDelete);
+  unsigned int i = 0;
+  for (; i < n; ++i) {
+    if (remaining <= 0 && grades[i] < kAlwaysGrade) break;
+    CARecord* record = static_cast<CARecord*>(candidates[i]->payload);
+    if (record == nullptr) continue;
+    const unsigned long length = record->length;
+    remaining -= static_cast<long>(length);
+    if (trace)
+      trace->Write("CACACHE %zu. Delete %zu bytes", deleted + 1, length);
+    action->EraseHandle(record);
+    if (trace) trace->Write("CACACHE %zu. Deleted", deleted + 1);
+    ++deleted;
+  }
+  // Stopping early means the target was met; running off the end leaves
+  // the answer to what is still to delete (with no candidate: 0).
+  const int result = (i < n || remaining <= 0) ? 1 : 0;
+
+  if (trace) trace->Write("CACACHE %zu record deleted", deleted);
+  RecordPass(cache, kEvictionSlot, clock.Stop());
+  busy = wasBusy;
+  return result;
+}
+
+void CAFree::RebuildTree(CACacheAction* action) {
+  if (action == nullptr || action->cache == nullptr) return;
+  CACache* cache = action->cache;
+  RefreshTiming(cache);
+  const unsigned int freeNodes = cache->params.nodes - cache->params.usedNodes;
+  if (freeNodes <= kMaxFreeNodes) return;
+  if (trace) {
+    trace->Write("CACACHE Rebuild binary tree %u free tree node", freeNodes);
+  }
+  RefreshTiming(cache);
+
+  clock.Start();
+  BTree* batch[kBatchSize] = {};
+  BTree* root = nullptr;
+  unsigned int total = 0;
+  int count = 0;
+  BTreeNumerator* walk = nullptr;
+  for (BTree* node = cache->First(&walk); node != nullptr;
+       node = cache->Next(&walk)) {
+    if (node->payload == nullptr) continue;
+    batch[count++] = node;
+    if (count == kBatchSize) {
+      InsRecurs(&root, batch, 0, count - 1);
+      total += count;
+      count = 0;
+    }
+  }
+  if (count > 0) {
+    InsRecurs(&root, batch, 0, count - 1);
+    total += count;
+  }
+
+  BTree* old = cache->tree;
+  cache->tree = root;
+  if (root != nullptr) root->parentLink = &cache->tree;
+  cache->params.nodes = total;
+  cache->params.usedNodes = total;
+  // Frees the old nodes and key copies; the records now hang off the new
+  // nodes and are left alone.
+  delete old;
+
+  RecordPass(cache, kRebuildSlot, clock.Stop());
+}
+
+void CAFree::InsRecurs(BTree** root, BTree** nodes, int lo, int hi) {
+  // Median first: a batch of 1000 recurses at most ten levels deep.
+  const int mid = lo + (hi - lo) / 2;
+  BTree* source = nodes[mid];
+  if (source != nullptr && source->payload != nullptr) {
+    BTree* made;
+    if (*root == nullptr) {
+      made = new BTree(source->key, source->keyLength, nullptr, root);
+      *root = made;
+    } else {
+      int existed = 0;  // keys of one tree are unique
+      made = (*root)->Insert(source->key, source->keyLength, &existed);
+    }
+    CARecord* record = static_cast<CARecord*>(source->payload);
+    record->node = made;
+    made->payload = record;
+  }
+  if (lo < mid) InsRecurs(root, nodes, lo, mid - 1);
+  if (hi > mid) InsRecurs(root, nodes, mid + 1, hi);
+}
+
+void CAFree::TriggerFree(CACache* cache) {
+  if (busy || cache == nullptr) return;
+  busy = 1;
+  // A handle of our own, so that the erases are timed and counted like any
+  // other; it registers with the cache and unregisters when deleted.
+  CACacheAction* action = new CACacheAction(cache);
+  Compress(action);
+  RebuildTree(action);
+  delete action;
+  busy = 0;
+}
+
+void CAFree::Procedure() {
+  if (pending == nullptr) return;
+  // The erases of these passes must not start passes of their own.
+  const int wasBusy = busy;
+  busy = 1;
+  for (CAFreeEntry* entry = pending; entry != nullptr && stopper == nullptr;
+       entry = entry->next) {
+    if (entry->action == nullptr || entry->action->cache == nullptr) {
+      // Its cache is gone: nothing is left to reclaim.
+      entry->done = 1;
+      continue;
+    }
+    const int met = Compress(entry->action);
+    RebuildTree(entry->action);
+    entry->done = met != 0 ? 1 : 0;
+  }
+  busy = wasBusy;
+
+  CAFreeEntry** link = &pending;
+  while (*link != nullptr) {
+    CAFreeEntry* entry = *link;
+    if (entry->done) {
+      *link = entry->next;
+      delete entry->action;
+      free(entry);
+    } else {
+      link = &entry->next;
+    }
+  }
+}
+
+void CAFree::DeleteFromList(CACache* cache) {
+  if (cache == nullptr) return;
+  CAFreeEntry** link = &pending;
+  while (*link != nullptr) {
+    CAFreeEntry* entry = *link;
+    if (entry->action != nullptr && entry->action->cache == cache) {
+      *link = entry->next;
+      // Keep the handle's destructor away from the cache being destroyed.
+      entry->action->cache = nullptr;
+      delete entry->action;
+      free(entry);
+      return;
+    }
+    link = &entry->next;
+  }
+}
