@@ -10,7 +10,6 @@
 // A record still held when its cache is destroyed has its `cache` cleared by
 // the cache's teardown; Unlink and Free then skip the `allocated` update, so
 // a late release never touches the destroyed cache.
-#include <assert.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
@@ -41,15 +40,11 @@ CARecord::CARecord(unsigned long size, unsigned long length, void* data,
   this->flags = flags;
   this->cache = cache;
   this->lifetime = lifetime;
-  // The buffer holds size + 1 bytes; for the largest size that count wraps
-  // to 0, and an allocator may hand back a tiny block for it. Such a size
-  // can never be stored, so it is a failed allocation: no block, not valid.
-  if (size + 1 == 0 && this->data != nullptr) {
-    free(this->data);
-    this->data = nullptr;
-  }
+  // The buffer holds size + 1 bytes. For the largest size that count wraps;
+  // CAMem then allocates nothing, and the record is not valid either way:
+  // never a tiny block with a huge copy.
   void* block = get();
-  if (size != 0 && block != nullptr) {
+  if (size != 0 && size + 1 != 0 && block != nullptr) {
     valid = 1;
     memmove(block, data, size);
   } else {
