@@ -32,6 +32,7 @@
 static unsigned long stored; /* records the cache took in */
 static unsigned long releases;
 static unsigned long releasedBytes;
+static char releasedNames[512];
 
 /* Called by the library just before a record with CAREC_CALLBACK is
  * destroyed. The block is the record's own copy; read it, never keep or free
@@ -53,7 +54,17 @@ static void on_release(int flags, unsigned long size, void* data) {
   }
   releases++;
   releasedBytes += size;
-  printf("      release callback: %s (%lu bytes)\n", path, size);
+  /* Noted here, printed by the host once its call has returned. */
+  if (strlen(releasedNames) + strlen(path) + 3 < sizeof releasedNames) {
+    if (releasedNames[0] != '\0') strcat(releasedNames, ", ");
+    strcat(releasedNames, path);
+  }
+}
+
+/* Prints and forgets the pages released since the last call. */
+static void print_released(const char* prefix) {
+  if (releasedNames[0] != '\0') printf("%s%s", prefix, releasedNames);
+  releasedNames[0] = '\0';
 }
 
 /* ---- Helpers that turn the interface into plain answers ------------------ */
@@ -84,13 +95,17 @@ static void put_page(void* cache, const char* path, int bytes, int flags,
   unsigned long before = releases;
   int result;
   render(path, bytes, page);
-  printf("  insert %-14s %4d bytes %-8s", path, bytes, flag_names(flags));
-  fflush(stdout);
   result = CA_INSERT(cache, 0, flags | CAREC_CALLBACK, lifetime,
                      (int)strlen(path), path, bytes, bytes, page);
-  printf(" -> %s", result == 1 ? "new key" : result == 0 ? "replaced" : "?");
   if (result >= 0) stored++;
-  if (releases != before) printf(", %lu released", releases - before);
+  printf("  insert %-14s %4d bytes %-8s -> %s", path, bytes, flag_names(flags),
+         result == 1   ? "new key"
+         : result == 0 ? "replaced"
+                       : "?");
+  if (releases != before) {
+    printf(", %lu released: ", releases - before);
+    print_released("");
+  }
   printf("\n");
 }
 
@@ -237,8 +252,8 @@ int main(int argc, char** argv) {
   get_page(pages, "/", 1); /* older than one second by now */
 
   printf("\n4. Render two more pages: the second passes the budget\n");
-  traceOffset = file_size(tracePath); /* show only what comes next */
   put_page(pages, "/blog/2", 600, 0, 0);
+  traceOffset = file_size(tracePath); /* show only what comes next */
   put_page(pages, "/blog/3", 600, 0, 0);
   printf("  the trace log tells what the eviction pass did:\n");
   show_trace(tracePath, &traceOffset);
@@ -251,8 +266,7 @@ int main(int argc, char** argv) {
   get_page(pages, "/news.html", 0);
   get_page(pages, "/about.html", 0);
 
-  print_stats(NULL, "Library-wide statistic slots (CA_GETSTAT with no handle)");
-  print_stats(pages, "Statistic slots of cache 'pages'");
+  print_stats(NULL, "Statistic slots (CA_GETSTAT, library-wide)");
 
   CA_SETCHECK(1);
   printf("\nstructure check: %s\n",
@@ -260,7 +274,9 @@ int main(int argc, char** argv) {
 
   printf("\n6. Close the cache and tear the library down\n");
   CA_CLOSE(pages); /* the last handle: the cache goes with its records */
-  CA_DEINIT();     /* writes "CACACHE Closed" and closes the trace log */
+  print_released("  released: ");
+  printf("\n");
+  CA_DEINIT(); /* writes "CACACHE Closed" and closes the trace log */
   printf("  %lu pages released in all (%lu bytes)\n", releases, releasedBytes);
 
   f = fopen(tracePath, "r");
