@@ -1,1 +1,398 @@
+// The key tree: a binary search tree of heap nodes, each holding a copy of a
+// byte-string key and an unowned payload, rebalanced after every insertion
+// by at most one single rotation; its stackless in-order walk; and its
+// printing self-check.
+//
+// Invariants of a sound tree:
+//  - *parentLink == this for every node; the root has parent null and its
+//    parentLink names its root holder; a child's parent is its parent node.
+//  - leftHeight/rightHeight are 0 without a child, else 1 + the larger of the
+//    child's two heights.
+//  - In-order is the tree order of Compare; no two keys are equal.
+//
+// Trees can degenerate into chains as long as the number of keys (a zig-zag
+// insertion order never rotates), so nothing here recurses over a tree: the
+// destructor, ClearAttr and CheckTree all iterate.
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+
+#include <cassert>
+#include <new>
+#include <vector>
+
 #include "qmcache/qmcache.hpp"
+
+// Advanced with a plain increment: only `serial` is derived from it and
+// nothing relies on serials being unique, so concurrent insertions into
+// different trees may at worst share a serial. Tree operations are not
+// thread-safe anyway.
+unsigned int BTree::cnt = 0;
+
+namespace {
+
+// Flag bits that ClearAttr removes from every record: CAREC_PINNED and
+// CAREC_EXPIRES.
+constexpr int kClearAttrMask = static_cast<int>(0xF3FFFFFFu);
+
+unsigned long Max(unsigned long a, unsigned long b) { return a > b ? a : b; }
+
+// memcmp over `n` bytes that tolerates null pointers when n is 0.
+int CompareBytes(const unsigned char* a, const unsigned char* b,
+                 unsigned long n) {
+  return n == 0 ? 0 : memcmp(a, b, n);
+}
+
+// Rotates right at `p`, whose left child is `n`: n takes p's place (through
+// p's parentLink, which rewrites the root holder at the root), n's right
+// subtree moves under p, and p becomes n's right child.
+void RotateRight(BTree* p, BTree* n) {
+  assert(p->left == n);
+  n->parent = p->parent;
+  n->parentLink = p->parentLink;
+  *n->parentLink = n;
+
+  p->left = n->right;
+  p->leftHeight = n->rightHeight;
+  if (p->left != nullptr) {
+    p->left->parentLink = &p->left;
+    p->left->parent = p;
+  }
+
+  n->right = p;
+  p->parentLink = &n->right;
+  p->parent = n;
+  n->rightHeight = Max(p->leftHeight, p->rightHeight) + 1;
+}
+
+// The mirror image of RotateRight: `n` is p's right child.
+void RotateLeft(BTree* p, BTree* n) {
+  assert(p->right == n);
+  n->parent = p->parent;
+  n->parentLink = p->parentLink;
+  *n->parentLink = n;
+
+  p->right = n->left;
+  p->rightHeight = n->leftHeight;
+  if (p->right != nullptr) {
+    p->right->parentLink = &p->right;
+    p->right->parent = p;
+  }
+
+  n->left = p;
+  p->parentLink = &n->left;
+  p->parent = n;
+  n->leftHeight = Max(p->leftHeight, p->rightHeight) + 1;
+}
+
+// The tests that CheckTree makes of one node, printing every violation.
+void CheckNode(BTree* n) {
+  BTree* l = n->left;
+  BTree* r = n->right;
+  if (l != nullptr) {
+    if (l->parent != n) {
+      printf("**Parent pointer error %p l:%p l->p:%p\n", static_cast<void*>(n),
+             static_cast<void*>(l), static_cast<void*>(l->parent));
+    }
+    if (l->parentLink != &n->left) {
+      printf("**Parent p.pointer error %p l:%p l->p:%p\n",
+             static_cast<void*>(n), static_cast<void*>(l),
+             static_cast<void*>(l->parentLink));
+    }
+    unsigned long h = Max(l->leftHeight, l->rightHeight);
+    if (n->leftHeight != h + 1) {
+      printf("Counting problem %p l:%d %d\n", static_cast<void*>(n),
+             static_cast<int>(n->leftHeight), static_cast<int>(h));
+    }
+    int c = n->Compare(l->key, l->keyLength);
+    if (c <= 0) {
+      printf("Compare problem %p l:%p %d\n", static_cast<void*>(n),
+             static_cast<void*>(l), c);
+    }
+  }
+  if (r != nullptr) {
+    if (r->parent != n) {
+      printf("**Parent pointer error %p l:%p l->p:%p\n", static_cast<void*>(n),
+             static_cast<void*>(r), static_cast<void*>(r->parent));
+    }
+    if (r->parentLink != &n->right) {
+      printf("**Parent p.pointer error %p l:%p l->p:%p\n",
+             static_cast<void*>(n), static_cast<void*>(r),
+             static_cast<void*>(r->parentLink));
+    }
+    unsigned long h = Max(r->leftHeight, r->rightHeight);
+    if (n->rightHeight != h + 1) {
+      printf("Counting problem %p r:%d %d\n", static_cast<void*>(n),
+             static_cast<int>(n->rightHeight), static_cast<int>(h));
+    }
+    int c = n->Compare(r->key, r->keyLength);
+    if (c >= 0) {
+      printf("Compare problem %p r:%p %d\n", static_cast<void*>(n),
+             static_cast<void*>(r), c);
+    }
+  }
+  if (l != nullptr && n->leftHeight == 0) {
+    printf("Counting problem %p l:%d\n", static_cast<void*>(n), 0);
+  }
+  if (r != nullptr && n->rightHeight == 0) {
+    printf("Counting problem %p l:%d\n", static_cast<void*>(n), 0);
+  }
+}
+
+}  // namespace
+
+// ==== Nodes =================================================================
+
+// A key copy that cannot be allocated throws std::bad_alloc, as the node's
+// own allocation would: `new BTree(...)` then releases the node again and
+// BTree::Insert leaves the tree unchanged (it has already set `existed`).
+BTree::BTree(unsigned char* key, unsigned long keyLength, BTree* parent,
+             BTree** parentLink) {
+  memcpy(magic, "%%BT", sizeof(magic));
+  this->keyLength = keyLength;
+  serial = cnt++;
+  payload = nullptr;
+  this->key = static_cast<unsigned char*>(malloc(keyLength));
+  if (this->key == nullptr && keyLength != 0) throw std::bad_alloc();
+  if (keyLength != 0) memcpy(this->key, key, keyLength);
+  this->parent = parent;
+  this->parentLink = parentLink;
+  left = nullptr;
+  right = nullptr;
+  leftHeight = 0;
+  rightHeight = 0;
+}
+
+// Destroys the subtree without recursion: it descends into the left, else
+// the right child, unhooking that child from its parent on the way down and
+// recording the way back in the child's `parent` field (the stored value is
+// not trusted, and the node is doomed anyway). A node whose children are
+// gone is deleted, and its own destructor then has nothing below it.
+BTree::~BTree() {
+  BTree* n = this;
+  for (;;) {
+    BTree* child;
+    if (n->left != nullptr) {
+      child = n->left;
+      n->left = nullptr;
+    } else if (n->right != nullptr) {
+      child = n->right;
+      n->right = nullptr;
+    } else {
+      if (n == this) break;
+      BTree* back = n->parent;
+      delete n;
+      n = back;
+      continue;
+    }
+    child->parent = n;
+    n = child;
+  }
+  if (key != nullptr) free(key);
+}
+
+int BTree::Compare(unsigned char* key, unsigned long keyLength) {
+  unsigned long n = this->keyLength;
+  if (n == keyLength) return CompareBytes(this->key, key, n);
+  if (n < keyLength) {
+    // This key is shorter: as a prefix of the given one it sorts after it.
+    int r = CompareBytes(this->key, key, n);
+    return r != 0 ? r : 1;
+  }
+  int r = CompareBytes(this->key, key, keyLength);
+  return r != 0 ? r : -1;
+}
+
+BTree* BTree::Search(unsigned char* key, unsigned long keyLength) {
+  BTree* n = this;
+  while (n != nullptr) {
+    int c = n->Compare(key, keyLength);
+    if (c == 0) return n;
+    n = c > 0 ? n->left : n->right;
+  }
+  return nullptr;
+}
+
+BTree* BTree::Insert(unsigned char* key, unsigned long keyLength,
+                     int* existed) {
+  BTree* n = this;
+  for (;;) {
+    int c = n->Compare(key, keyLength);
+    if (c == 0) {
+      *existed = 1;
+      return n;
+    }
+    BTree** link = c > 0 ? &n->left : &n->right;
+    if (*link != nullptr) {
+      n = *link;
+      continue;
+    }
+    *existed = 0;
+    BTree* node = new BTree(key, keyLength, n, link);
+    *link = node;
+    node->ReOrg();
+    return node;
+  }
+}
+
+// Climbs from a newly linked node while the subtree it is in grows, and
+// rotates once where a single rotation makes the subtree strictly lower;
+// the rotated subtree is then as high as before the insertion, so nothing
+// above it changes.
+void BTree::ReOrg() {
+  BTree* n = this;
+  for (;;) {
+    BTree* p = n->parent;
+    if (p == nullptr) return;
+    if (p->left == n) {
+      p->leftHeight++;
+      if (Max(p->leftHeight, p->rightHeight) >
+          Max(n->leftHeight, Max(n->rightHeight, p->rightHeight) + 1)) {
+        RotateRight(p, n);
+        return;
+      }
+      if (p->leftHeight <= p->rightHeight) return;
+    } else {
+      assert(p->right == n);
+      p->rightHeight++;
+      if (Max(p->leftHeight, p->rightHeight) >
+          Max(n->rightHeight, Max(n->leftHeight, p->leftHeight) + 1)) {
+        RotateLeft(p, n);
+        return;
+      }
+      if (p->rightHeight <= p->leftHeight) return;
+    }
+    n = p;
+  }
+}
+
+// Pre-order walk of the subtree over the parent pointers, so that a chain
+// of any length needs no stack. It never climbs above this node. Requires
+// sound parent links, as every other tree operation does.
+void BTree::ClearAttr() {
+  BTree* n = this;
+  for (;;) {
+    if (n->payload != nullptr) {
+      static_cast<CARecord*>(n->payload)->flags &= kClearAttrMask;
+    }
+    if (n->left != nullptr) {
+      n = n->left;
+      continue;
+    }
+    if (n->right != nullptr) {
+      n = n->right;
+      continue;
+    }
+    // A leaf: climb to the nearest ancestor whose right subtree is still
+    // to be visited, coming up from its left side.
+    for (;;) {
+      if (n == this) return;
+      BTree* p = n->parent;
+      if (p == nullptr) return;
+      if (p->left == n && p->right != nullptr) {
+        n = p->right;
+        break;
+      }
+      n = p;
+    }
+  }
+}
+
+// ==== Self-check ============================================================
+
+// Pre-order (node, left subtree, right subtree) with an explicit stack of
+// right subtrees still to be visited. The walk follows only the child
+// links, so damaged parent links and heights, which are what it reports,
+// cannot lead it astray; its depth costs heap, not stack.
+int BTree::CheckTree() {
+  std::vector<BTree*> pending;
+  int count = 0;
+  BTree* n = this;
+  for (;;) {
+    if (n == nullptr) {
+      if (pending.empty()) break;
+      n = pending.back();
+      pending.pop_back();
+      continue;
+    }
+    count++;
+    CheckNode(n);
+    if (n->right != nullptr) pending.push_back(n->right);
+    n = n->left;
+  }
+  return count;
+}
+
+int BTree::CheckTreeRoot() {
+  if (parent != nullptr) {
+    printf("Root illegal %p parent=%p\n", static_cast<void*>(this),
+           static_cast<void*>(parent));
+  }
+  return CheckTree();
+}
+
+// ==== Enumeration ===========================================================
+
+BTreeNumerator::BTreeNumerator(BTree* start, int reverse) {
+  current = start;
+  this->reverse = reverse;
+  depth = 0;
+  lastDepth = 0;
+  subtreePending = 1;
+  if (start == nullptr) {
+    subtreePending = 0;
+    return;
+  }
+  if (reverse == 0) {
+    while (current->left != nullptr) {
+      current = current->left;
+      depth++;
+    }
+    subtreePending = current->right != nullptr ? 1 : 0;
+  } else {
+    while (current->right != nullptr) {
+      current = current->right;
+      depth++;
+    }
+    subtreePending = current->left != nullptr ? 1 : 0;
+  }
+}
+
+// Ascending: after a node comes the leftmost node of its right subtree, or,
+// without one, the first ancestor reached from its left side. Descending is
+// the mirror image.
+BTree* BTreeNumerator::Next() {
+  lastDepth = depth;
+  if (current == nullptr) return nullptr;
+  BTree* result = current;
+  BTree* far = reverse == 0 ? current->right : current->left;
+  if (subtreePending == 1 && far != nullptr) {
+    BTree* n = far;
+    depth++;
+    for (;;) {
+      BTree* near = reverse == 0 ? n->left : n->right;
+      if (near == nullptr) break;
+      n = near;
+      depth++;
+    }
+    current = n;
+    subtreePending = (reverse == 0 ? n->right : n->left) != nullptr ? 1 : 0;
+    return result;
+  }
+  BTree* n = current;
+  for (;;) {
+    BTree* p = n->parent;
+    depth--;
+    if (p == nullptr) {
+      current = nullptr;
+      break;
+    }
+    if ((reverse == 0 ? p->left : p->right) == n) {
+      current = p;
+      break;
+    }
+    n = p;
+  }
+  subtreePending = 1;
+  return result;
+}
