@@ -498,3 +498,298 @@ int CACacheAction::TreeToArray(BTree* node, void** list, int* count) {
 void CACacheAction::FreeList(void* list) { free(list); }
 
 // ==== Structure check =========================================================
+//
+// CheckCache walks the registry and tests every cache, its handle table,
+// its record tree and every record, stopping at the first fault. Unless the
+// trace identifier is 0 (a silent check: nothing is formatted or written),
+// the fault is reported to the trace service as text entries and labelled
+// dumps. Pointer values from 1 to 1000 are never valid addresses.
+//
+// Report lines are formatted into cache_buf with snprintf, so a line that
+// quotes a long name is cut at 511 characters; the length handed to the
+// trace service is what was actually written. Dump lengths above 65535 (the
+// service's limit) are cut to 65535.
+//
+// The record tree is walked without recursion, because a damaged tree can
+// be deeper than its height fields admit: a heap stack of pending nodes
+// reproduces the recursive order (node fields, left subtree, left link,
+// right subtree, right link, record) and so the same first fault.
+
+#include <stdarg.h>
+#include <stdint.h>
+
+#include <unordered_set>
+#include <vector>
+
+#include "qmcache/ybtrace.h"
+
+char CACache::cache_buf[512];
+
+namespace {
+
+// "CAAC" and four zero bytes, compared as one 64-bit word.
+constexpr unsigned long kCheckHandleMagic = 0x43414143UL;
+constexpr unsigned long kCheckMaxHeight = 2000;
+constexpr unsigned long kCheckMaxKeyLength = 255;
+constexpr size_t kCheckMaxCacheName = 254;
+constexpr uintptr_t kCheckLowestAddress = 1000;
+
+// A pointer that must be present: faulty when null or a small integer.
+bool CheckMissing(const void* p) {
+  return reinterpret_cast<uintptr_t>(p) <= kCheckLowestAddress;
+}
+
+// A pointer that may be absent: faulty when a small integer.
+bool CheckImplausible(const void* p) { return p != nullptr && CheckMissing(p); }
+
+unsigned short CheckLength(size_t length) {
+  return static_cast<unsigned short>(length > 0xFFFF ? 0xFFFF : length);
+}
+
+// A text entry formatted into CACache::cache_buf.
+__attribute__((format(printf, 2, 3))) void CheckText(unsigned int traceId,
+                                                     const char* format, ...) {
+  if (traceId == 0) return;
+  va_list args;
+  va_start(args, format);
+  int n =
+      vsnprintf(CACache::cache_buf, sizeof(CACache::cache_buf), format, args);
+  va_end(args);
+  size_t written = n < 0 ? 0 : static_cast<size_t>(n);
+  if (written > sizeof(CACache::cache_buf) - 1) {
+    written = sizeof(CACache::cache_buf) - 1;
+  }
+  YBTRACE_Text(traceId, CACache::cache_buf, CheckLength(written));
+}
+
+// A text entry without conversions, passed as it is.
+void CheckPlainText(unsigned int traceId, const char* text) {
+  if (traceId == 0) return;
+  YBTRACE_Text(traceId, text, CheckLength(strlen(text)));
+}
+
+void CheckDump(unsigned int traceId, const char* label, const void* address,
+               size_t length) {
+  if (traceId == 0) return;
+  YBTRACE_Trace2(traceId, label, address, CheckLength(length));
+}
+
+void CheckBanner(unsigned int traceId, CACache* cache) {
+  CheckText(traceId, "CACache - name: '%s', address: %p", cache->name,
+            static_cast<void*>(cache));
+  CheckDump(traceId, "CACache structure", cache, sizeof(CACache));
+}
+
+void CheckNodeDump(unsigned int traceId, const char* label,
+                   const char* keyLabel, BTree* node) {
+  CheckDump(traceId, label, node, sizeof(BTree));
+  CheckDump(traceId, keyLabel, node->key, node->keyLength);
+}
+
+// The tests of a node's own fields; 1 after reporting a fault.
+int CheckNodeFields(unsigned int traceId, BTree* n, CACache* cache) {
+  if (memcmp(n->magic, "%%BT", sizeof(n->magic)) != 0 ||
+      n->leftHeight > kCheckMaxHeight || n->rightHeight > kCheckMaxHeight ||
+      n->keyLength == 0 || n->keyLength > kCheckMaxKeyLength ||
+      CheckMissing(n->key)) {
+    if (traceId != 0) {
+      CheckBanner(traceId, cache);
+      CheckText(traceId, "invalid BTree structure - address: %p",
+                static_cast<void*>(n));
+      CheckDump(traceId, "BTree structure", n, sizeof(BTree));
+      if (n->keyLength >= 1 && n->keyLength <= kCheckMaxKeyLength - 1 &&
+          !CheckMissing(n->key)) {
+        CheckDump(traceId, "BTree key", n->key, n->keyLength);
+      }
+    }
+    return 1;
+  }
+  if ((n->left != nullptr && (CheckMissing(n->left) || n->leftHeight == 0)) ||
+      (n->right != nullptr &&
+       (n->rightHeight == 0 || CheckMissing(n->right))) ||
+      CheckImplausible(n->payload)) {
+    if (traceId != 0) {
+      CheckBanner(traceId, cache);
+      CheckText(traceId, "invalid BTree structure - address: %p",
+                static_cast<void*>(n));
+      CheckNodeDump(traceId, "BTree structure", "BTree key", n);
+    }
+    return 1;
+  }
+  return 0;
+}
+
+// The link from `n` to its child `child` (either side).
+void CheckReportLink(unsigned int traceId, BTree* n, BTree* child,
+                     CACache* cache) {
+  if (traceId == 0) return;
+  CheckBanner(traceId, cache);
+  CheckText(traceId, "invalid BTree structures - address1: %p, address2: %p",
+            static_cast<void*>(n), static_cast<void*>(child));
+  CheckNodeDump(traceId, "BTree structure1", "BTree key1", n);
+  CheckNodeDump(traceId, "BTree structure2", "BTree key2", child);
+}
+
+// The node's record, if any; 1 after reporting a fault.
+int CheckRecord(unsigned int traceId, BTree* n, CACache* cache) {
+  CARecord* r = static_cast<CARecord*>(n->payload);
+  if (r == nullptr) return 0;
+  if (r->checkmem(r->length) == 0 && r->cache == cache && r->node == n) {
+    return 0;
+  }
+  if (traceId != 0) {
+    CheckBanner(traceId, cache);
+    CheckText(traceId, "BTree address: %p", static_cast<void*>(n));
+    CheckNodeDump(traceId, "BTree structure", "BTree key", n);
+    CheckText(traceId, "invalid CARecord structure - address: %p",
+              static_cast<void*>(r));
+    CheckDump(traceId, "CARecord structure", r, sizeof(CARecord));
+  }
+  return 1;
+}
+
+// The tests of one cache before its tree; 1 after reporting a fault.
+int CheckCacheFields(unsigned int traceId, CACache* c) {
+  if (memcmp(c->magic, "%%CC", sizeof(c->magic)) != 0) {
+    if (traceId != 0) {
+      if (!CheckMissing(c->name)) {
+        CheckText(traceId,
+                  "invalid CACache structure - name: '%s', address: %p",
+                  c->name, static_cast<void*>(c));
+      } else {
+        CheckText(traceId, "invalid CACache structure - address: %p",
+                  static_cast<void*>(c));
+      }
+      CheckDump(traceId, "CACache structure", c, sizeof(CACache));
+    }
+    return 1;
+  }
+  if (CheckMissing(c->name)) {
+    CheckText(traceId, "invalid CACache structure - address: %p",
+              static_cast<void*>(c));
+    CheckDump(traceId, "CACache structure", c, sizeof(CACache));
+    return 1;
+  }
+  if (CheckMissing(c->actions) || CheckImplausible(c->tree)) {
+    CheckText(traceId, "invalid CACache structure - name: '%s', address: %p",
+              c->name, static_cast<void*>(c));
+    CheckDump(traceId, "CACache structure", c, sizeof(CACache));
+    return 1;
+  }
+  size_t nameLength = strlen(c->name);
+  if (nameLength > kCheckMaxCacheName) {
+    CheckText(traceId, "CACache address: %p", static_cast<void*>(c));
+    CheckDump(traceId, "CACache structure", c, sizeof(CACache));
+    CheckPlainText(traceId, "invalid CACache name");
+    CheckDump(traceId, "CACache name", c->name, nameLength);
+    return 1;
+  }
+  for (int i = 0; i < c->actionSlots; ++i) {
+    CACacheAction* h = c->actions[i];
+    if (h == nullptr) continue;
+    if (!CheckMissing(h) && h->magic == kCheckHandleMagic && h->cache == c) {
+      continue;
+    }
+    if (traceId != 0) {
+      CheckBanner(traceId, c);
+      CheckDump(traceId, "Actions table", c->actions,
+                static_cast<size_t>(c->actionSlots) * sizeof(CACacheAction*));
+      CheckText(traceId,
+                "invalid CACacheAction address or structure - address: %p",
+                static_cast<void*>(h));
+      // A small-integer handle pointer cannot be read, so it is not dumped.
+      if (!CheckMissing(h)) {
+        CheckDump(traceId, "CACacheAction structure", h, sizeof(CACacheAction));
+      }
+    }
+    return 1;
+  }
+  return 0;
+}
+
+}  // namespace
+
+int CACache::CheckCache(unsigned int traceId) {
+  if (caches == nullptr) return 0;
+  BTreeNumerator walk(caches, 0);
+  while (BTree* node = walk.Next()) {
+    if (node->payload == nullptr) continue;
+    CACache* c = static_cast<CACache*>(node->payload);
+    // Registry nodes are not tested, but a small-integer cache pointer
+    // cannot even be read: it is reported by its address alone.
+    if (CheckMissing(c)) {
+      CheckText(traceId, "invalid CACache structure - address: %p",
+                static_cast<void*>(c));
+      return 1;
+    }
+    if (CheckCacheFields(traceId, c) != 0) return 1;
+    if (c->tree == nullptr) continue;
+    if (BTreeCheck(traceId, c->tree, c) != 0) return 1;
+    if (c->tree->parentLink != &c->tree) {
+      if (traceId != 0) {
+        CheckPlainText(traceId, "invalid CACache or BTree structure");
+        CheckBanner(traceId, c);
+        CheckText(traceId, "BTree address: %p", static_cast<void*>(c->tree));
+        CheckDump(traceId, "BTree structure", c->tree, sizeof(BTree));
+      }
+      return 1;
+    }
+  }
+  return 0;
+}
+
+// Each frame is a node whose own fields have passed, with the next step due
+// for it. A child that is already on the path (a cycle, possible only with
+// damaged links) is reported as a bad link at once, since its subtree would
+// never end.
+int CACache::BTreeCheck(unsigned int traceId, BTree* node, CACache* cache) {
+  enum Step { kLeft, kLeftLink, kRightLink };
+  struct Frame {
+    BTree* node;
+    Step step;
+  };
+  if (CheckNodeFields(traceId, node, cache) != 0) return 1;
+  std::vector<Frame> stack;
+  std::unordered_set<BTree*> onPath;
+  stack.push_back({node, kLeft});
+  onPath.insert(node);
+  while (!stack.empty()) {
+    Frame& frame = stack.back();
+    BTree* n = frame.node;
+    BTree* child = nullptr;
+    switch (frame.step) {
+      case kLeft:
+        frame.step = kLeftLink;
+        child = n->left;
+        break;
+      case kLeftLink:
+        if (n->left != nullptr &&
+            (n->left->parent != n || n->left->parentLink != &n->left)) {
+          CheckReportLink(traceId, n, n->left, cache);
+          return 1;
+        }
+        frame.step = kRightLink;
+        child = n->right;
+        break;
+      case kRightLink:
+        if (n->right != nullptr &&
+            (n->right->parent != n || n->right->parentLink != &n->right)) {
+          CheckReportLink(traceId, n, n->right, cache);
+          return 1;
+        }
+        if (CheckRecord(traceId, n, cache) != 0) return 1;
+        onPath.erase(n);
+        stack.pop_back();
+        continue;
+    }
+    if (child == nullptr) continue;
+    if (onPath.count(child) != 0) {
+      CheckReportLink(traceId, n, child, cache);
+      return 1;
+    }
+    if (CheckNodeFields(traceId, child, cache) != 0) return 1;
+    stack.push_back({child, kLeft});  // invalidates `frame`
+    onPath.insert(child);
+  }
+  return 0;
+}
