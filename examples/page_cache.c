@@ -17,6 +17,7 @@
  * waits once for the clock to tick (about a second in all). */
 #define _POSIX_C_SOURCE 200809L
 
+#include <poll.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -187,8 +188,7 @@ static long file_size(const char* path) {
 
 static void wait_for_next_second(void) {
   time_t start = time(NULL);
-  struct timespec step = {0, 50 * 1000 * 1000};
-  while (time(NULL) == start) nanosleep(&step, NULL);
+  while (time(NULL) == start) poll(NULL, 0, 50); /* 50 ms naps */
 }
 
 /* ---- The demo --------------------------------------------------------------
