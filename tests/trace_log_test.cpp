@@ -6,6 +6,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <time.h>
 #include <unistd.h>
 
@@ -29,8 +30,8 @@ time_t clockShift = 0;
 
 // Drives the library's clock (it calls time() through the PLT).
 extern "C" time_t time(time_t* out) noexcept {
-  struct timespec now;
-  clock_gettime(CLOCK_REALTIME, &now);
+  struct timeval now;
+  gettimeofday(&now, nullptr);
   time_t value = fixedTime != 0 ? fixedTime : now.tv_sec + clockShift;
   if (out != nullptr) *out = value;
   return value;
