@@ -404,7 +404,7 @@ TEST_F(ReclaimTest, ZeroBudgetErasesEveryCandidateLongestFirst) {
 
 TEST_F(ReclaimTest, GradeArraysGrowInStepsOfAHundred) {
   EXPECT_EQ(cafree->gradCapacity, 100u);
-  for (unsigned int records : {100u, 101u}) {
+  for (unsigned int records : {100u, 101u, 201u}) {
     const std::string name = "grow" + std::to_string(records);
     CACacheAction* h = Open(name.c_str(), 1000000);
     for (unsigned int i = 0; i < records; ++i) Put(h, Key(i), 1);
@@ -412,7 +412,7 @@ TEST_F(ReclaimTest, GradeArraysGrowInStepsOfAHundred) {
     CACacheAction* small = Open(name.c_str(), 10);  // mark 9
     EXPECT_EQ(cafree->Compress(small), 1);
     EXPECT_EQ(small->cache->params.allocated, 9u);
-    EXPECT_EQ(cafree->gradCapacity, records == 100 ? 100u : 200u);
+    EXPECT_EQ(cafree->gradCapacity, (records + 99) / 100 * 100);
     ExpectSound(h->cache);
   }
 }
@@ -580,6 +580,16 @@ TEST_F(ReclaimTest, ErasesOfAPassStartNoNestedPass) {
   EXPECT_EQ(h->cache->params.nodes, h->cache->params.usedNodes);
   EXPECT_EQ(h->cache->params.usedNodes, 5u);
   ExpectSound(h->cache);
+
+  // The same holds for a pass started directly, outside any trigger.
+  CACacheAction* direct = OverBudgetAtThreshold("nested-direct");
+  EXPECT_EQ(cafree->Compress(direct), 1);
+  EXPECT_EQ(Count(direct, CASTAT_EVICTION), 1u);
+  EXPECT_EQ(Count(direct, CASTAT_REBUILD), 0u);
+  EXPECT_EQ(direct->cache->params.nodes, 20010u);
+  cafree->RebuildTree(direct);
+  EXPECT_EQ(direct->cache->params.nodes, 5u);
+  ExpectSound(direct->cache);
 }
 
 CAFreeEntry* AddEntry(CACache* cache) {
