@@ -181,20 +181,6 @@ void QmQuery(benchmark::State& state, int kind, size_t n) {
   for (void* r : held) CA_FREE(h, r);
 }
 
-void QmInsertNew(benchmark::State& state, int kind, size_t n) {
-  const KeySet& ks = Keys(kind, n);
-  for (auto _ : state) {
-    state.PauseTiming();
-    void* h = OpenCache(kNoBudget);
-    state.ResumeTiming();
-    for (const std::string& k : ks.keys) QmInsert(h, k);
-    state.PauseTiming();
-    CA_CLOSE(h);
-    state.ResumeTiming();
-  }
-  state.counters["ops_per_iter"] = static_cast<double>(n);
-}
-
 // ---- std::map ----
 
 void MapInsertReplace(benchmark::State& state, int kind, size_t n) {
@@ -227,19 +213,6 @@ void MapFindMiss(benchmark::State& state, int kind, size_t n) {
     benchmark::DoNotOptimize(m.find(ks.misses[i]));
     if (++i == n) i = 0;
   }
-}
-
-void MapInsertNew(benchmark::State& state, int kind, size_t n) {
-  const KeySet& ks = Keys(kind, n);
-  const std::string v = Value();
-  for (auto _ : state) {
-    auto m = std::make_unique<std::map<std::string, std::string>>();
-    for (const std::string& k : ks.keys) m->emplace(k, v);
-    state.PauseTiming();
-    m.reset();
-    state.ResumeTiming();
-  }
-  state.counters["ops_per_iter"] = static_cast<double>(n);
 }
 
 // ---- hand-written LRU cache ----
@@ -275,60 +248,57 @@ void LruGetMiss(benchmark::State& state, int kind, size_t n) {
   }
 }
 
-void LruInsertNew(benchmark::State& state, int kind, size_t n) {
-  const KeySet& ks = Keys(kind, n);
-  const std::string v = Value();
-  for (auto _ : state) {
-    auto c = std::make_unique<LruCache>(static_cast<size_t>(-1));
-    for (const std::string& k : ks.keys) c->Put(k, v, kValueSize);
-    state.PauseTiming();
-    c.reset();
-    state.ResumeTiming();
+// ---- filling an empty store: insert time and memory per record ----
+//
+// One iteration fills a new store with every key. Heap bytes in use are
+// read around the fill (outside the timed part): the growth divided by the
+// records, less the key and value bytes, is the per-record overhead.
+
+struct QmFill {
+  void* h = OpenCache(kNoBudget);
+  void Fill(const KeySet& ks) {
+    for (const std::string& k : ks.keys) QmInsert(h, k);
   }
-  state.counters["ops_per_iter"] = static_cast<double>(n);
-}
+  ~QmFill() { CA_CLOSE(h); }
+};
 
-// ---- memory per record ----
+struct MapFill {
+  std::map<std::string, std::string> m;
+  void Fill(const KeySet& ks) {
+    const std::string v = Value();
+    for (const std::string& k : ks.keys) m.emplace(k, v);
+  }
+};
 
-// Heap bytes per record beyond the key and the value, measured around
-// filling an empty store. One iteration: the figure is what matters.
-template <typename Fill>
-void Memory(benchmark::State& state, int kind, size_t n, Fill fill) {
+struct LruFill {
+  LruCache c{static_cast<size_t>(-1)};
+  void Fill(const KeySet& ks) {
+    const std::string v = Value();
+    for (const std::string& k : ks.keys) c.Put(k, v, kValueSize);
+  }
+};
+
+template <typename S>
+void InsertNew(benchmark::State& state, int kind, size_t n) {
   const KeySet& ks = Keys(kind, n);
   double perRecord = 0;
   for (auto _ : state) {
-    size_t before = HeapInUse();
-    auto teardown = fill(ks);
-    size_t after = HeapInUse();
-    perRecord = (static_cast<double>(after) - static_cast<double>(before)) /
-                static_cast<double>(n);
     state.PauseTiming();
-    teardown();
+    const size_t before = HeapInUse();
+    auto store = std::make_unique<S>();
+    state.ResumeTiming();
+    store->Fill(ks);
+    state.PauseTiming();
+    perRecord =
+        (static_cast<double>(HeapInUse()) - static_cast<double>(before)) /
+        static_cast<double>(n);
+    store.reset();
     state.ResumeTiming();
   }
-  double payload = static_cast<double>(ks.keys[0].size() + kValueSize);
+  const double payload = static_cast<double>(ks.keys[0].size() + kValueSize);
+  state.counters["ops_per_iter"] = static_cast<double>(n);
   state.counters["bytes_per_record"] = perRecord;
   state.counters["overhead_per_record"] = perRecord - payload;
-}
-
-std::function<void()> FillQm(const KeySet& ks) {
-  void* h = OpenCache(kNoBudget);
-  for (const std::string& k : ks.keys) QmInsert(h, k);
-  return [h] { CA_CLOSE(h); };
-}
-
-std::function<void()> FillMap(const KeySet& ks) {
-  auto* m = new std::map<std::string, std::string>();
-  std::string v = Value();
-  for (const std::string& k : ks.keys) m->emplace(k, v);
-  return [m] { delete m; };
-}
-
-std::function<void()> FillLru(const KeySet& ks) {
-  auto* c = new LruCache(static_cast<size_t>(-1));
-  std::string v = Value();
-  for (const std::string& k : ks.keys) c->Put(k, v, kValueSize);
-  return [c] { delete c; };
 }
 
 // ---- the eviction baseline: in-order walk and sort of the grades ----
@@ -546,9 +516,9 @@ void Add(const char* contender, const char* workload, int kind, size_t n,
   benchmark::RegisterBenchmark(name.c_str(), fn, kind, n);
 }
 
-// Enough whole fills to total about two million inserts.
+// Enough whole fills to total about a million inserts.
 int64_t FillIterations(size_t n) {
-  return std::max<int64_t>(2, static_cast<int64_t>(2000000 / n));
+  return std::max<int64_t>(1, static_cast<int64_t>(1000000 / n));
 }
 
 int Register() {
@@ -578,30 +548,13 @@ int Register() {
       Add("lru", "search_miss", kind, n, LruGetMiss);
       Add("baseline", "walk_sort", kind, n, WalkSort);
       for (auto [contender, fn] :
-           {std::pair<const char*, Fn>{"qm", QmInsertNew},
-            {"map", MapInsertNew},
-            {"lru", LruInsertNew}}) {
+           {std::pair<const char*, Fn>{"qm", InsertNew<QmFill>},
+            {"map", InsertNew<MapFill>},
+            {"lru", InsertNew<LruFill>}}) {
         std::string name = std::string(contender) + "/insert_new/" +
                            KeyKindName(kind) + "/" + std::to_string(n);
         benchmark::RegisterBenchmark(name.c_str(), fn, kind, n)
             ->Iterations(FillIterations(n));
-      }
-      struct MemCase {
-        const char* contender;
-        std::function<void()> (*fill)(const KeySet&);
-      };
-      for (MemCase mc : {MemCase{"qm", FillQm}, MemCase{"map", FillMap},
-                         MemCase{"lru", FillLru}}) {
-        std::string name = std::string(mc.contender) + "/memory/" +
-                           KeyKindName(kind) + "/" + std::to_string(n);
-        auto fill = mc.fill;
-        benchmark::RegisterBenchmark(
-            name.c_str(),
-            [fill](benchmark::State& st, int k, size_t sz) {
-              Memory(st, k, sz, fill);
-            },
-            kind, n)
-            ->Iterations(1);
       }
       std::string mixed =
           std::string("/mixed/") + KeyKindName(kind) + "/" + std::to_string(n);
