@@ -35,6 +35,14 @@ unsigned long Widen(int value) {
   return static_cast<unsigned long>(static_cast<long>(value));
 }
 
+// A key the library can read: a negative length would be widened to an
+// enormous one, and a null key has no bytes to read. Such keys are refused
+// like an invalid handle (-1 from CA_INSERT, null from CA_SEARCH) before
+// anything is touched; so is a null data block with bytes to copy.
+bool KeyIsUsable(int keyLength, const void* key) {
+  return keyLength >= 0 && (key != nullptr || keyLength == 0);
+}
+
 // asctime's layout: "Www Mmm dd hh:mm:ss yyyy\n" plus the terminating zero.
 constexpr size_t kTimeTextSize = 26;
 
@@ -148,8 +156,16 @@ int CA_GETSTAT(void* handle, int slot, _CAStat* out) {
   return 0;
 }
 
+// A null name opens nothing (null result); a null parameter record opens the
+// cache with the default budget and receives nothing back.
 void* CA_CREATE(const char* name, CAParams* params) {
   InitOnDemand();
+  if (name == nullptr) return nullptr;
+  CAParams defaults;
+  if (params == nullptr) {
+    memset(&defaults, 0, sizeof defaults);
+    params = &defaults;
+  }
   CACacheAction* action = CACache::Create(const_cast<char*>(name), params);
   assert(action != nullptr);
   if (trace != nullptr) {
@@ -174,7 +190,8 @@ int CA_INSERT(void* handle, int tag, int flags, int lifetime, int keyLength,
               const void* key, int size, int length, const void* data) {
   int result = -1;
   CACacheAction* action = CACacheAction::GetAction(handle);
-  if (action != nullptr) {
+  if (action != nullptr && KeyIsUsable(keyLength, key) &&
+      (data != nullptr || size <= 0)) {
     result =
         action->Insert(tag, flags, static_cast<long>(lifetime),
                        Widen(keyLength), const_cast<void*>(key), Widen(size),
@@ -188,7 +205,7 @@ int CA_INSERT(void* handle, int tag, int flags, int lifetime, int keyLength,
 void* CA_SEARCH(void* handle, int maxAge, int keyLength, const void* key) {
   void* record = nullptr;
   CACacheAction* action = CACacheAction::GetAction(handle);
-  if (action != nullptr) {
+  if (action != nullptr && KeyIsUsable(keyLength, key)) {
     record = action->Search(static_cast<long>(maxAge), Widen(keyLength),
                             const_cast<void*>(key));
   }
