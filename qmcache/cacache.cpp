@@ -365,9 +365,14 @@ int CACacheAction::Insert(int tag, int flags, long lifetime,
     return result;
   }
   // Charged before the deferred trigger fires, so that no pass meets an
-  // uncharged record.
+  // uncharged record. A charge that crosses the budget runs a whole pass
+  // (eviction, then rebuild), which also serves the deferred trigger: it is
+  // not run a second time.
+  const bool budgetPass =
+      cafree != nullptr &&
+      c->params.allocated + (unsigned int)length > c->params.maxBytes;
   c->Allocated(length, this);
-  if (due) TriggerWithClock(c, this);
+  if (due && !budgetPass) TriggerWithClock(c, this);
   RecordTime(c, CASTAT_INSERT, clock.Stop());
   return result;
 }
