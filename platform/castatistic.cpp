@@ -15,7 +15,9 @@
 
 #include <time.h>
 
+#include <atomic>
 #include <cstring>
+#include <mutex>
 
 #if defined(__x86_64__) || defined(__i386__)
 #include <cpuid.h>
@@ -72,38 +74,54 @@ double MeasureSecondsPerTick() {
 }
 #endif
 
-struct TimeBase {
-  bool tsc = false;
-  double secondsPerTick = 1e-9;
+// The time source, chosen on first use. Until then `source` is 0; it is
+// published (release) after `secondsPerTick`, so a reader that sees it set
+// (acquire) also sees the rate. The first-use path is kept out of line so
+// that Start and Stop stay a handful of instructions.
+enum Source { kUnset = 0, kTsc = 1, kMonotonic = 2 };
+std::atomic<int> source{kUnset};
+double secondsPerTick = 1e-9;
 
-  TimeBase() {
+__attribute__((noinline, cold)) int ChooseSource() {
+  static std::once_flag once;
+  std::call_once(once, [] {
+    int chosen = kMonotonic;
 #if QMSTAT_HAVE_TSC
     if (HasInvariantTsc()) {
       double s = MeasureSecondsPerTick();
       if (s > 0.0) {
-        tsc = true;
         secondsPerTick = s;
+        chosen = kTsc;
       }
     }
 #endif
-  }
-};
-
-// Built on first use; the language makes that initialisation thread-safe.
-const TimeBase& Base() {
-  static const TimeBase base;
-  return base;
+    source.store(chosen, std::memory_order_release);
+  });
+  return source.load(std::memory_order_acquire);
 }
 
-long Now() {
+inline int CurrentSource() {
+  int s = source.load(std::memory_order_acquire);
+  return __builtin_expect(s != kUnset, 1) ? s : ChooseSource();
+}
+
+// Ticks of the chosen source; never 0, which the clock uses for "not set".
+inline long Now() {
   long t;
 #if QMSTAT_HAVE_TSC
-  if (Base().tsc)
+  if (__builtin_expect(CurrentSource() == kTsc, 1))
     t = static_cast<long>(__rdtsc());
   else
+#else
+  CurrentSource();
 #endif
     t = MonotonicNanos();
   return t != 0 ? t : 1;
+}
+
+inline double ToSeconds(long ticks) {
+  CurrentSource();  // orders the read of the rate after its publication
+  return static_cast<double>(ticks) * secondsPerTick;
 }
 
 }  // namespace
@@ -168,7 +186,7 @@ double CAClock::Stop() {
   suspendTicks = 0;
   suspendedTotal = 0;
   if (run <= 0) return 0.0;
-  return static_cast<double>(run) * Base().secondsPerTick;
+  return ToSeconds(run);
 }
 
 void CAClock::Suspend() {
