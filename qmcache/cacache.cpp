@@ -5,6 +5,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "cainternal.h"
 #include "qmcache/qmcache.hpp"
 
 // ==== Caches, handles and record operations ==================================
@@ -183,14 +184,13 @@ CACache::~CACache() {
     params.usedNodes = 1;
     CARecord* record = static_cast<CARecord*>(node->payload);
     if (record == nullptr) continue;
-    // A held record outlives the cache: forget the cache so that its last
-    // release does not update this cache's byte count.
-    bool held = record->refCount > 0;
-    record->Unlink(nullptr);
-    if (held) record->cache = nullptr;
+    record->Unlink(nullptr);  // a held record survives, detached
   }
   delete tree;
   tree = nullptr;
+  // Held records outlive the cache: they forget it, so that their last
+  // release does not update this cache's byte count.
+  OrphanDetachedRecords(this);
   for (int i = 0; i < actionSlots; i++) {
     CACacheAction* action = actions[i];
     if (action == nullptr) continue;
