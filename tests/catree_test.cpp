@@ -1,9 +1,11 @@
-// Key tree, its walk and its printing self-check.
+// The key tree: its order, its shapes after rotation, its walk and its
+// printing self-check, on trees up to a million nodes deep.
 #include <gtest/gtest.h>
 #include <stdio.h>
 #include <string.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <random>
 #include <string>
@@ -15,69 +17,53 @@ namespace {
 
 using Key = std::string;
 
-unsigned char* Bytes(const Key& k) {
-  return reinterpret_cast<unsigned char*>(const_cast<char*>(k.data()));
-}
-
-Key KeyOf(const BTree* n) {
-  return Key(reinterpret_cast<const char*>(n->key), n->keyLength);
-}
-
+unsigned char* Bytes(const Key& k) { return (unsigned char*)k.data(); }
+Key KeyOf(const BTree* n) { return Key((const char*)n->key, n->keyLength); }
 Key Byte(int b) { return Key(1, static_cast<char>(b)); }
-
-Key BigEndian(unsigned int v) {
-  Key k(4, '\0');
-  for (int i = 0; i < 4; ++i) k[i] = static_cast<char>(v >> (24 - 8 * i));
-  return k;
+Key BigEndian(unsigned v) {
+  return {char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
 }
 
-// The model's order: bytewise unsigned; of two keys where one is a prefix
-// of the other, the longer sorts first.
+// Of two keys where one is a prefix of the other, the longer sorts first.
 struct TreeOrder {
   bool operator()(const Key& a, const Key& b) const {
-    size_t n = std::min(a.size(), b.size());
-    int r = memcmp(a.data(), b.data(), n);
-    if (r != 0) return r < 0;
-    return a.size() > b.size();
+    int r = memcmp(a.data(), b.data(), std::min(a.size(), b.size()));
+    return r != 0 ? r < 0 : a.size() > b.size();
   }
 };
 
-// A tree with its root holder; deleting the root destroys all nodes.
 struct Tree {
   BTree* root = nullptr;
   ~Tree() { delete root; }
   BTree* Insert(const Key& k, int* existed = nullptr) {
-    int dummy;
-    if (existed == nullptr) existed = &dummy;
-    if (root == nullptr) {
-      root = new BTree(Bytes(k), k.size(), nullptr, &root);
-      *existed = 0;
-      return root;
-    }
-    return root->Insert(Bytes(k), k.size(), existed);
+    int dummy = 0;
+    if (root != nullptr)
+      return root->Insert(Bytes(k), k.size(), existed ? existed : &dummy);
+    if (existed != nullptr) *existed = 0;
+    return root = new BTree(Bytes(k), k.size(), nullptr, &root);
   }
   BTree* Search(const Key& k) {
-    return root == nullptr ? nullptr : root->Search(Bytes(k), k.size());
+    return root ? root->Search(Bytes(k), k.size()) : nullptr;
   }
 };
 
-unsigned long Levels(const BTree* n) {
-  return std::max(n->leftHeight, n->rightHeight) + 1;
-}
-
-// Actual height (levels) of a subtree, checking every link and height field
-// on the way. Used on trees of moderate height only.
+// Levels of a subtree, checking every link and height field on the way.
 unsigned long Verify(BTree* n, BTree* parent, BTree** link) {
   if (n == nullptr) return 0;
-  EXPECT_EQ(memcmp(n->magic, "%%BT", 4), 0);
-  EXPECT_EQ(n->parent, parent);
-  EXPECT_EQ(n->parentLink, link);
-  EXPECT_EQ(*n->parentLink, n);
+  EXPECT_TRUE(n->parent == parent && n->parentLink == link && *link == n);
   unsigned long l = Verify(n->left, n, &n->left);
   unsigned long r = Verify(n->right, n, &n->right);
-  EXPECT_EQ(n->leftHeight, l);
-  EXPECT_EQ(n->rightHeight, r);
+  EXPECT_TRUE(n->leftHeight == l && n->rightHeight == r) << KeyOf(n);
   return std::max(l, r) + 1;
+}
+
+// The shape of single-byte-key trees, e.g. "4(2(1,3),6(5,7))".
+std::string Shape(const BTree* n) {
+  if (n == nullptr) return "";
+  std::string s = std::to_string(n->key[0]);
+  if (n->left || n->right)
+    s += "(" + Shape(n->left) + "," + Shape(n->right) + ")";
+  return s;
 }
 
 std::vector<Key> Walk(BTree* start, int reverse, std::vector<int>* depths) {
@@ -88,11 +74,11 @@ std::vector<Key> Walk(BTree* start, int reverse, std::vector<int>* depths) {
     if (depths != nullptr) depths->push_back(it.lastDepth);
   }
   EXPECT_EQ(it.Next(), nullptr);
-  EXPECT_EQ(it.Next(), nullptr);
   return keys;
 }
 
-std::string CheckOutput(BTree* n, bool root, int* count) {
+// CheckTreeRoot's printed text; `count` gets the number of nodes visited.
+std::string Printed(BTree* n, int* count, bool root = true) {
   testing::internal::CaptureStdout();
   *count = root ? n->CheckTreeRoot() : n->CheckTree();
   return testing::internal::GetCapturedStdout();
@@ -105,436 +91,239 @@ std::string Line(const char* format, Args... args) {
   return buf;
 }
 
-void* P(const void* p) { return const_cast<void*>(p); }
-
-int Sign(int v) { return (v > 0) - (v < 0); }
-
-// The C library's memcmp at run time (the compiler may fold a call with
-// constant arguments to -1/0/+1, while the library's value is unreduced).
+// Run-time memcmp: a call with constant arguments may be folded to -1/0/1.
 int (*volatile const Cmp)(const void*, const void*, size_t) = memcmp;
 
-TEST(KeyTree, CompareUsesTreeOrder) {
+TEST(KeyTree, CompareGivesTheTreeOrderWithMemcmpsOwnValue) {
   Tree t;
   BTree* ab = t.Insert("ab");
-  Key a = "a", abc = "abc";
-  EXPECT_EQ(ab->Compare(Bytes(a), 1), -1);   // the given key is a prefix
-  EXPECT_EQ(ab->Compare(Bytes(abc), 3), 1);  // this key is a prefix
-  EXPECT_EQ(ab->Compare(Bytes("ab"), 2), 0);
-  // Equal lengths, and a differing common prefix, give memcmp's own value.
-  Key az = "az", zz = "zzz";
-  EXPECT_EQ(ab->Compare(Bytes(az), 2), Cmp("ab", "az", 2));
-  EXPECT_EQ(ab->Compare(Bytes(zz), 3), Cmp("ab", "zz", 2));
-  EXPECT_LT(ab->Compare(Bytes(zz), 3), 0);
-  BTree* hi = t.Insert(Byte(0x80));
-  Key lo = Byte(0x7F);
-  EXPECT_GT(hi->Compare(Bytes(lo), 1), 0);
-  // The zero-length key is a prefix of every key: it sorts last.
-  BTree* empty = t.Insert(Key());
-  EXPECT_EQ(empty->keyLength, 0u);
-  EXPECT_EQ(empty->Compare(Bytes(a), 1), 1);
-  EXPECT_EQ(empty->Compare(nullptr, 0), 0);
-  EXPECT_EQ(t.Search(Key()), empty);
+  EXPECT_EQ(-1, ab->Compare(Bytes("a"), 1));   // the given key is a prefix
+  EXPECT_EQ(1, ab->Compare(Bytes("abc"), 3));  // this key is a prefix
+  EXPECT_EQ(0, ab->Compare(Bytes("ab"), 2));
+  EXPECT_EQ(Cmp("ab", "az", 2), ab->Compare(Bytes("az"), 2));
+  EXPECT_EQ(Cmp("ab", "zz", 2), ab->Compare(Bytes("zzz"), 3));
+  EXPECT_GT(t.Insert(Byte(0x80))->Compare(Bytes(Byte(0x7F)), 1), 0);
+  BTree* empty = t.Insert(Key());  // a prefix of every key: it sorts last
+  EXPECT_EQ(1, empty->Compare(Bytes("a"), 1));
+  EXPECT_EQ(0, empty->Compare(nullptr, 0));
+  EXPECT_EQ(empty, t.Search(Key()));
 }
 
-// Random keys over a small alphabet with zero bytes make many prefixes and
-// repeats; the tree must agree with an ordered map at every step.
-TEST(KeyTree, AgreesWithOrderedModel) {
+// Keys over a small alphabet with zero bytes make many prefixes and repeats.
+TEST(KeyTree, AgreesWithAnOrderedMapAtEveryStep) {
   std::mt19937 rng(12345);
   const char alphabet[] = {'\0', '\x01', 'a', 'b', '\x7f', '\x80', '\xff'};
-  auto random_key = [&] {
+  auto randomKey = [&] {
     Key k(rng() % 6, '\0');
     for (char& c : k) c = alphabet[rng() % sizeof(alphabet)];
     return k;
   };
   Tree t;
-  std::map<Key, int, TreeOrder> model;
-  std::vector<int> values(4000);
+  std::map<Key, BTree*, TreeOrder> model;
   for (int i = 0; i < 4000; ++i) {
-    Key k = random_key();
-    unsigned int before = BTree::cnt;
+    Key k = randomKey();
+    unsigned before = BTree::cnt;
     int existed = -1;
     BTree* n = t.Insert(k, &existed);
-    ASSERT_NE(n, nullptr);
-    EXPECT_EQ(KeyOf(n), k);
-    auto found = model.find(k);
-    if (found != model.end()) {
-      EXPECT_EQ(existed, 1);
-      EXPECT_EQ(BTree::cnt, before);
-      EXPECT_EQ(n->payload, &values[found->second]);
-    } else {
-      EXPECT_EQ(existed, 0);
-      EXPECT_EQ(BTree::cnt, before + 1);
-      EXPECT_EQ(n->serial, before);
-      EXPECT_EQ(n->payload, nullptr);
-      n->payload = &values[i];
-      model[k] = i;
-    }
-    if (i % 200 != 199) continue;
-
-    ASSERT_EQ(t.root->parent, nullptr);
-    unsigned long height = Verify(t.root, nullptr, &t.root);
-    EXPECT_EQ(height, Levels(t.root));
+    ASSERT_EQ(k, KeyOf(n));
+    EXPECT_EQ(model.count(k), (size_t)existed);
+    EXPECT_EQ(before + 1 - existed, BTree::cnt);
+    EXPECT_TRUE(existed || n->serial == before);
+    if (!existed) model[k] = n;
+    EXPECT_EQ(model[k], n);
+    if (i % 500 != 499) continue;
     int count = 0;
-    EXPECT_EQ(CheckOutput(t.root, true, &count), "");
-    EXPECT_EQ(count, static_cast<int>(model.size()));
-
-    std::vector<Key> expected;
-    for (auto& kv : model) expected.push_back(kv.first);
-    EXPECT_EQ(Walk(t.root, 0, nullptr), expected);
-    std::reverse(expected.begin(), expected.end());
-    EXPECT_EQ(Walk(t.root, 1, nullptr), expected);
-
+    EXPECT_EQ("", Printed(t.root, &count));
+    EXPECT_EQ(model.size(), (size_t)count);
+    Verify(t.root, nullptr, &t.root);
+    std::vector<Key> keys;
     for (auto& kv : model) {
-      BTree* s = t.Search(kv.first);
-      ASSERT_NE(s, nullptr);
-      EXPECT_EQ(s->payload, &values[kv.second]);
+      keys.push_back(kv.first);
+      EXPECT_EQ(kv.second, t.Search(kv.first));
     }
+    EXPECT_EQ(keys, Walk(t.root, 0, nullptr));
+    std::reverse(keys.begin(), keys.end());
+    EXPECT_EQ(keys, Walk(t.root, 1, nullptr));
     for (int j = 0; j < 50; ++j) {
-      Key probe = random_key() + 'q';
-      EXPECT_EQ(t.Search(probe), nullptr);
-      Key other = random_key();
-      BTree* s = t.Search(other);
-      EXPECT_EQ(s != nullptr, model.count(other) == 1);
-      // Compare's sign matches the model's order.
+      Key other = randomKey();
+      EXPECT_EQ(model.count(other) == 1, t.Search(other) != nullptr);
       int c = t.root->Compare(Bytes(other), other.size());
-      Key rk = KeyOf(t.root);
-      EXPECT_EQ(Sign(c), TreeOrder()(other, rk)   ? 1
-                         : TreeOrder()(rk, other) ? -1
-                                                  : 0);
+      Key r = KeyOf(t.root);
+      EXPECT_EQ(c > 0   ? 1
+                : c < 0 ? -1
+                        : 0,
+                TreeOrder()(other, r) - TreeOrder()(r, other));
     }
   }
 }
 
-TEST(KeyTree, WorkedShapes) {
-  for (int reverse = 0; reverse < 2; ++reverse) {
+TEST(KeyTree, SingleRotationsGiveTheseShapes) {
+  struct {
+    std::vector<int> keys;
+    std::string shape;
+  } cases[] = {{{1, 2, 3, 4, 5, 6, 7}, "4(2(1,3),6(5,7))"},
+               {{7, 6, 5, 4, 3, 2, 1}, "4(2(1,3),6(5,7))"},
+               {{1, 2, 3}, "2(1,3)"},
+               {{1, 3, 2}, "1(,3(2,))"}};
+  for (auto& c : cases) {
     Tree t;
-    for (int i = 1; i <= 7; ++i) t.Insert(Byte(reverse ? 8 - i : i));
-    BTree* r = t.root;
-    ASSERT_EQ(KeyOf(r), Byte(4));
-    ASSERT_EQ(KeyOf(r->left), Byte(2));
-    ASSERT_EQ(KeyOf(r->right), Byte(6));
-    EXPECT_EQ(KeyOf(r->left->left), Byte(1));
-    EXPECT_EQ(KeyOf(r->left->right), Byte(3));
-    EXPECT_EQ(KeyOf(r->right->left), Byte(5));
-    EXPECT_EQ(KeyOf(r->right->right), Byte(7));
-    EXPECT_EQ(r->leftHeight, 2u);
-    EXPECT_EQ(r->rightHeight, 2u);
-    for (BTree* inner : {r->left, r->right}) {
-      EXPECT_EQ(inner->leftHeight, 1u);
-      EXPECT_EQ(inner->rightHeight, 1u);
-      for (BTree* leaf : {inner->left, inner->right}) {
-        EXPECT_EQ(leaf->left, nullptr);
-        EXPECT_EQ(leaf->right, nullptr);
-        EXPECT_EQ(leaf->leftHeight + leaf->rightHeight, 0u);
-      }
-    }
-    Verify(r, nullptr, &t.root);
-    int count = 0;
-    EXPECT_EQ(CheckOutput(r, true, &count), "");
-    EXPECT_EQ(count, 7);
+    for (int k : c.keys) t.Insert(Byte(k));
+    EXPECT_EQ(c.shape, Shape(t.root));
+    Verify(t.root, nullptr, &t.root);  // the root holder was rewritten too
   }
-
-  // 1, 2, 3 rotates at the root and rewrites the root holder.
-  {
-    Tree t;
-    BTree* one = t.Insert(Byte(1));
-    BTree* two = t.Insert(Byte(2));
-    BTree* three = t.Insert(Byte(3));
-    EXPECT_EQ(t.root, two);
-    EXPECT_EQ(two->parent, nullptr);
-    EXPECT_EQ(two->parentLink, &t.root);
-    EXPECT_EQ(two->left, one);
-    EXPECT_EQ(two->right, three);
-    EXPECT_EQ(one->parentLink, &two->left);
-    EXPECT_EQ(three->parentLink, &two->right);
-    Verify(t.root, nullptr, &t.root);
-  }
-  // 1, 3, 2 does not rotate.
-  {
-    Tree t;
-    BTree* one = t.Insert(Byte(1));
-    BTree* three = t.Insert(Byte(3));
-    BTree* two = t.Insert(Byte(2));
-    EXPECT_EQ(t.root, one);
-    EXPECT_EQ(one->leftHeight, 0u);
-    EXPECT_EQ(one->rightHeight, 2u);
-    EXPECT_EQ(one->right, three);
-    EXPECT_EQ(three->left, two);
-    EXPECT_EQ(three->right, nullptr);
-    Verify(t.root, nullptr, &t.root);
-  }
-  // Ascending big-endian keys stay balanced.
-  {
-    Tree t;
-    for (unsigned int i = 0; i < 10000; ++i) t.Insert(BigEndian(i));
-    EXPECT_EQ(Verify(t.root, nullptr, &t.root), 14u);
-    int count = 0;
-    EXPECT_EQ(CheckOutput(t.root, true, &count), "");
-    EXPECT_EQ(count, 10000);
-  }
-  // Smallest, largest, next smallest, ... never rotates: a chain.
-  {
-    Tree t;
-    const int n = 1000;
-    for (int i = 0; i < n; ++i) {
-      unsigned int v = i % 2 == 0 ? i / 2 : n - 1 - i / 2;
-      t.Insert(BigEndian(v));
-    }
-    EXPECT_EQ(Verify(t.root, nullptr, &t.root), static_cast<unsigned long>(n));
-    EXPECT_EQ(KeyOf(t.root), BigEndian(0));
-  }
-}
-
-TEST(KeyTree, SearchFindsOnlyInsertedPrefixesAndEmptyNodes) {
   Tree t;
-  for (Key k : {"abc", "a", "abd", "b"}) t.Insert(k);
-  EXPECT_NE(t.Search("abc"), nullptr);
-  EXPECT_NE(t.Search("a"), nullptr);
-  EXPECT_EQ(t.Search("ab"), nullptr);
-  EXPECT_EQ(t.Search("abcd"), nullptr);
-  EXPECT_EQ(t.Search(Key("a\0", 2)), nullptr);
-  int marker = 0;
-  BTree* b = t.Search("b");
-  b->payload = &marker;
-  b->payload = nullptr;  // the object went away: the node stays
-  EXPECT_EQ(t.Search("b"), b);
-  unsigned int before = BTree::cnt;
-  int existed = 0;
-  EXPECT_EQ(t.Insert("b", &existed), b);
-  EXPECT_EQ(existed, 1);
-  EXPECT_EQ(BTree::cnt, before);
-  t.Insert("ab");
-  EXPECT_EQ(Walk(t.root, 0, nullptr),
-            (std::vector<Key>{"abc", "abd", "ab", "a", "b"}));
+  for (unsigned i = 0; i < 10000; ++i) t.Insert(BigEndian(i));
+  EXPECT_EQ(14u, Verify(t.root, nullptr, &t.root));
+  Tree chain;  // smallest, largest, next smallest, ... never rotates
+  for (unsigned i = 0; i < 1000; ++i)
+    chain.Insert(BigEndian(i % 2 ? 999 - i / 2 : i / 2));
+  EXPECT_EQ(1000u, Verify(chain.root, nullptr, &chain.root));
 }
 
-TEST(KeyTreeWalk, DepthsAndEdges) {
+TEST(KeyTree, WalkReportsDepthsAndSurvivesPayloadChanges) {
   Tree t;
   for (int i = 1; i <= 7; ++i) t.Insert(Byte(i));
   std::vector<int> depths;
-  std::vector<Key> up = Walk(t.root, 0, &depths);
-  ASSERT_EQ(up.size(), 7u);
-  for (int i = 0; i < 7; ++i) EXPECT_EQ(up[i], Byte(i + 1));
-  EXPECT_EQ(depths, (std::vector<int>{2, 1, 2, 0, 2, 1, 2}));
+  std::vector<Key> up = Walk(t.root, 0, &depths), down = up;
+  std::reverse(down.begin(), down.end());
+  EXPECT_EQ(7u, up.size());
+  EXPECT_TRUE(std::is_sorted(up.begin(), up.end()));
+  EXPECT_EQ((std::vector<int>{2, 1, 2, 0, 2, 1, 2}), depths);
   depths.clear();
-  std::vector<Key> down = Walk(t.root, 7, &depths);
-  for (int i = 0; i < 7; ++i) EXPECT_EQ(down[i], Byte(7 - i));
-  EXPECT_EQ(depths, (std::vector<int>{2, 1, 2, 0, 2, 1, 2}));
-
-  // Clearing payloads during the walk leaves the sequence alone.
+  EXPECT_EQ(down, Walk(t.root, 7, &depths));
+  EXPECT_EQ((std::vector<int>{2, 1, 2, 0, 2, 1, 2}), depths);
+  EXPECT_EQ(up, Walk(t.root->left, 0, nullptr));  // goes on through ancestors
+  EXPECT_EQ(down, Walk(t.root->right, 1, nullptr));
+  EXPECT_TRUE(Walk(nullptr, 0, nullptr).empty());
   int marker = 0;
-  for (BTreeNumerator it(t.root, 0); BTree* n = it.Next();)
-    n->payload = &marker;
   std::vector<Key> seen;
-  int empty_seen = 0;
   for (BTreeNumerator it(t.root, 0); BTree* n = it.Next();) {
-    if (n->payload == nullptr) empty_seen++;  // empty nodes come out too
-    n->payload = nullptr;
-    t.root->right->payload = nullptr;
+    n->payload = &marker;  // payloads may change during a walk
     seen.push_back(KeyOf(n));
   }
-  EXPECT_EQ(seen, up);
-  EXPECT_EQ(empty_seen, 1);  // node 6, emptied before it was due
-
-  // A walk started on an inner node goes on through its ancestors.
-  EXPECT_EQ(Walk(t.root->left, 0, nullptr),
-            (std::vector<Key>{Byte(1), Byte(2), Byte(3), Byte(4), Byte(5),
-                              Byte(6), Byte(7)}));
-  EXPECT_EQ(Walk(t.root->right, 1, nullptr),
-            (std::vector<Key>{Byte(7), Byte(6), Byte(5), Byte(4), Byte(3),
-                              Byte(2), Byte(1)}));
-
-  EXPECT_TRUE(Walk(nullptr, 0, nullptr).empty());
-  Tree single;
-  single.Insert("x");
-  EXPECT_EQ(Walk(single.root, 1, nullptr), std::vector<Key>{"x"});
+  EXPECT_EQ(up, seen);
 }
 
-TEST(KeyTreeCheck, ReportsEachFault) {
+// Sets a field for one case; the returned function restores it.
+template <typename F, typename V>
+std::function<void()> Set(F& field, V value) {
+  F old = field;
+  field = value;
+  return [&field, old] { field = old; };
+}
+
+// CheckTree's text with addresses of nodes and their links given as names
+// ("n4", "n4.left"), taken before any damage.
+using Names = std::vector<std::pair<std::string, std::string>>;
+std::string Named(BTree* start, int* count, const Names& names) {
+  std::string text = Printed(start, count);
+  for (auto& [from, to] : names) {
+    for (size_t at; (at = text.find(from)) != std::string::npos;)
+      text.replace(at, from.size(), to);
+  }
+  return text;
+}
+
+TEST(KeyTree, CheckTreePrintsEachFaultInPreorder) {
   Tree t;
   for (int i = 1; i <= 7; ++i) t.Insert(Byte(i));
-  BTree* n4 = t.root;
-  BTree* n2 = n4->left;
-  BTree* n1 = n2->left;
-  BTree* n3 = n2->right;
-  BTree* n6 = n4->right;
-  BTree* n7 = n6->right;
+  BTree *n4 = t.root, *n2 = n4->left, *n1 = n2->left, *n3 = n2->right,
+        *n6 = n4->right, *n7 = n6->right;
+  Names all;
+  for (BTree* n : {n1, n2, n3, n4, n6, n7}) {
+    std::string name = "n" + std::to_string(n->key[0]);
+    all.push_back({Line("%p", (void*)&n->left), name + ".left"});
+    all.push_back({Line("%p", (void*)&n->right), name + ".right"});
+    all.push_back({Line("%p", (void*)n), name});
+  }
   int count = 0;
-
-  // A leaf below a leftHeight of 3; the root then sees a wrong height too.
-  n2->leftHeight = 3;
-  EXPECT_EQ(CheckOutput(n4, true, &count),
-            Line("Counting problem %p l:%d %d\n", P(n4), 2, 3) +
-                Line("Counting problem %p l:%d %d\n", P(n2), 3, 0));
-  EXPECT_EQ(count, 7);
-  // A left child under a leftHeight of 0: row 3, then after the right-side
-  // tests the zero-height line.
-  n2->leftHeight = 0;
-  n3->parent = n4;
-  EXPECT_EQ(CheckOutput(n4, true, &count),
-            Line("Counting problem %p l:%d %d\n", P(n2), 0, 0) +
-                Line("**Parent pointer error %p l:%p l->p:%p\n", P(n2), P(n3),
-                     P(n4)) +
-                Line("Counting problem %p l:%d\n", P(n2), 0));
-  n2->leftHeight = 1;
-  n3->parent = n2;
-
-  // A wrong parentLink alone.
-  n1->parentLink = &n2->right;
-  EXPECT_EQ(CheckOutput(n4, true, &count),
-            Line("**Parent p.pointer error %p l:%p l->p:%p\n", P(n2), P(n1),
-                 P(&n2->right)));
-  n1->parentLink = &n2->left;
-
-  // Keys of a node and its left child swapped.
-  std::swap(n4->key, n2->key);
-  int c4 = Cmp("\x02", "\x04", 1);
-  int c2 = Cmp("\x04", "\x03", 1);
-  EXPECT_EQ(CheckOutput(n4, true, &count),
-            Line("Compare problem %p l:%p %d\n", P(n4), P(n2), c4) +
-                Line("Compare problem %p r:%p %d\n", P(n2), P(n3), c2));
-  std::swap(n4->key, n2->key);
-
-  // A right child whose key equals its parent's; a right height of 0.
-  n7->key[0] = 6;
-  n6->rightHeight = 0;
-  EXPECT_EQ(CheckOutput(n4, true, &count),
-            Line("Counting problem %p r:%d %d\n", P(n6), 0, 0) +
-                Line("Compare problem %p r:%p %d\n", P(n6), P(n7), 0) +
-                Line("Counting problem %p l:%d\n", P(n6), 0));
-  n7->key[0] = 7;
-  n6->rightHeight = 1;
-
-  // Order beyond parent and child is not tested.
-  n3->key[0] = 5;
-  EXPECT_EQ(CheckOutput(n4, true, &count), "");
-  n3->key[0] = 3;
-
-  // An inner node as root.
-  EXPECT_EQ(CheckOutput(n2, true, &count),
-            Line("Root illegal %p parent=%p\n", P(n2), P(n4)));
-  EXPECT_EQ(count, 3);
-  EXPECT_EQ(CheckOutput(n2, false, &count), "");
-  EXPECT_EQ(count, 3);
-
-  // Several faults come out in pre-order: node, left subtree, right subtree.
-  n1->parent = n6;
-  n7->parent = n2;
-  n2->parentLink = &n4->right;
-  EXPECT_EQ(CheckOutput(n4, true, &count),
-            Line("**Parent p.pointer error %p l:%p l->p:%p\n", P(n4), P(n2),
-                 P(&n4->right)) +
-                Line("**Parent pointer error %p l:%p l->p:%p\n", P(n2), P(n1),
-                     P(n6)) +
-                Line("**Parent pointer error %p l:%p l->p:%p\n", P(n6), P(n7),
-                     P(n2)));
-  EXPECT_EQ(count, 7);
-  n1->parent = n2;
-  n7->parent = n6;
-  n2->parentLink = &n4->left;
-  EXPECT_EQ(CheckOutput(n4, true, &count), "");
+  auto expect = [&](std::vector<std::function<void()>> undo, std::string text) {
+    EXPECT_EQ(text, Named(n4, &count, all));
+    EXPECT_EQ(7, count);
+    for (auto& u : undo) u();
+    EXPECT_EQ("", Printed(n4, &count));
+  };
+  expect({Set(n2->leftHeight, 3)},
+         "Counting problem n4 l:2 3\nCounting problem n2 l:3 0\n");
+  expect({Set(n2->leftHeight, 0), Set(n3->parent, n4)},
+         "Counting problem n2 l:0 0\n**Parent pointer error n2 l:n3 "
+         "l->p:n4\nCounting problem n2 l:0\n");
+  expect({Set(n1->parentLink, &n2->right)},
+         "**Parent p.pointer error n2 l:n1 l->p:n2.right\n");
+  unsigned char* k2 = n2->key;
+  expect({Set(n2->key, n4->key), Set(n4->key, k2)},
+         Line("Compare problem n4 l:n2 %d\n", Cmp("\2", "\4", 1)) +
+             Line("Compare problem n2 r:n3 %d\n", Cmp("\4", "\3", 1)));
+  expect({Set(n7->key[0], 6), Set(n6->rightHeight, 0)},
+         "Counting problem n6 r:0 0\nCompare problem n6 r:n7 0\nCounting "
+         "problem n6 l:0\n");
+  expect({Set(n3->key[0], 5)}, "");  // not parent and child: not compared
+  expect({Set(n1->parent, n6), Set(n7->parent, n2),
+          Set(n2->parentLink, &n4->right)},
+         "**Parent p.pointer error n4 l:n2 l->p:n4.right\n**Parent pointer "
+         "error n2 l:n1 l->p:n6\n**Parent pointer error n6 l:n7 l->p:n2\n");
+  EXPECT_EQ("Root illegal n2 parent=n4\n", Named(n2, &count, all));
+  EXPECT_EQ(3, count);
+  EXPECT_EQ("", Printed(n2, &count, false));
 }
 
-// Record flags: ClearAttr removes the pinned and expiring bits everywhere
-// below the node it is called on, empty nodes included, and nothing else.
-TEST(KeyTree, ClearAttrClearsTwoBitsInSubtree) {
+TEST(KeyTree, ClearAttrClearsPinnedAndExpiresBelowTheNodeOnly) {
   Tree t;
+  for (int i = 1; i <= 15; ++i) t.Insert(Byte(i));
   std::vector<CARecord*> records;
-  std::vector<int> original;
-  for (int i = 1; i <= 31; ++i) t.Insert(Byte(i));
-  char data[4] = {1, 2, 3, 4};
-  int i = 0;
-  for (BTreeNumerator it(t.root, 0); BTree* n = it.Next(); ++i) {
-    if (i % 3 == 0) {
-      records.push_back(nullptr);
-      original.push_back(0);
-      continue;  // an empty node, maybe above records
-    }
-    int flags = static_cast<int>(0xFFFFFFFFu - static_cast<unsigned int>(i));
-    if (i % 5 == 0) flags = CAREC_PINNED | 7;
-    CARecord* r = new CARecord(4, 4, data, n, nullptr, i, flags, 10);
-    n->payload = r;
-    records.push_back(r);
-    original.push_back(flags);
+  for (BTreeNumerator it(t.root, 0); BTree* n = it.Next();) {
+    if (n->key[0] % 3 == 0) continue;  // empty nodes, some above records
+    records.push_back(new CARecord(1, 1, (void*)"x", n, nullptr, 0, -1, 0));
+    n->payload = records.back();
   }
-  // Only the left subtree of the root first.
   t.root->left->ClearAttr();
-  i = 0;
-  for (BTreeNumerator it(t.root, 0); BTree* n = it.Next(); ++i) {
-    if (records[i] == nullptr) continue;
-    bool below = KeyOf(n) < KeyOf(t.root);
-    int expected =
-        below ? (original[i] & ~(CAREC_PINNED | CAREC_EXPIRES)) : original[i];
-    EXPECT_EQ(records[i]->flags, expected) << i;
+  for (CARecord* r : records) {
+    bool below = r->node->key[0] < 8;
+    EXPECT_EQ(below ? ~(CAREC_PINNED | CAREC_EXPIRES) : -1, r->flags);
   }
   t.root->ClearAttr();
-  for (size_t j = 0; j < records.size(); ++j) {
-    if (records[j] == nullptr) continue;
-    EXPECT_EQ(records[j]->flags, original[j] & ~(CAREC_PINNED | CAREC_EXPIRES));
-  }
-  // Destroying the tree leaves the records alone.
-  delete t.root;
-  t.root = nullptr;
   for (CARecord* r : records) {
-    if (r == nullptr) continue;
-    EXPECT_EQ(memcmp(r->magic, "%%CM", 4), 0);
-    EXPECT_EQ(memcmp(r->get(), data, 4), 0);
+    EXPECT_EQ(~(CAREC_PINNED | CAREC_EXPIRES), r->flags);
     delete r;
   }
 }
 
-// A zig-zag chain of a million keys (built directly: inserting it would take
-// quadratic time) is checked, cleared and destroyed in a default stack.
+// Built directly (inserting a chain takes quadratic time); checked, walked,
+// cleared and destroyed in a default-sized stack.
 TEST(KeyTree, MillionNodeChainNeedsNoStack) {
-  const unsigned int n = 1000000;
+  const unsigned n = 1000000;
   Tree t;
   BTree** link = &t.root;
   BTree* parent = nullptr;
   std::vector<BTree*> nodes;
-  nodes.reserve(n);
-  for (unsigned int i = 0; i < n; ++i) {
-    unsigned int v = i % 2 == 0 ? i / 2 : n - 1 - i / 2;
-    Key k = BigEndian(v);
-    BTree* node = new BTree(Bytes(k), 4, parent, link);
-    *link = node;
-    nodes.push_back(node);
-    link = i % 2 == 0 ? &node->right : &node->left;
-    parent = node;
+  for (unsigned i = 0; i < n; ++i) {
+    Key k = BigEndian(i % 2 ? n - 1 - i / 2 : i / 2);
+    nodes.push_back(*link = new BTree(Bytes(k), 4, parent, link));
+    link = i % 2 == 0 ? &nodes[i]->right : &nodes[i]->left;
+    parent = nodes[i];
   }
-  for (unsigned int i = 0; i + 1 < n; ++i) {
-    unsigned long h = n - 1 - i;
-    (i % 2 == 0 ? nodes[i]->rightHeight : nodes[i]->leftHeight) = h;
-  }
-  char data[1] = {0};
-  CARecord* deep = new CARecord(1, 1, data, nodes[n - 1], nullptr, 0,
-                                CAREC_EXPIRES | CAREC_CALLBACK, 0);
-  CARecord* mid = new CARecord(1, 1, data, nodes[n / 2], nullptr, 0, -1, 0);
+  for (unsigned i = 0; i + 1 < n; ++i)
+    (i % 2 ? nodes[i]->leftHeight : nodes[i]->rightHeight) = n - 1 - i;
+  CARecord* deep = new CARecord(1, 1, (void*)"x", nodes[n - 1], nullptr, 0,
+                                CAREC_EXPIRES, 0);
   nodes[n - 1]->payload = deep;
-  nodes[n / 2]->payload = mid;
-
   int count = 0;
-  EXPECT_EQ(CheckOutput(t.root, true, &count), "");
-  EXPECT_EQ(count, static_cast<int>(n));
-  // A fault at the bottom is still found.
+  EXPECT_EQ("", Printed(t.root, &count));
+  EXPECT_EQ((int)n, count);
   nodes[n - 1]->parent = nodes[0];
-  EXPECT_EQ(CheckOutput(t.root, true, &count),
-            Line("**Parent pointer error %p l:%p l->p:%p\n", P(nodes[n - 2]),
-                 P(nodes[n - 1]), P(nodes[0])));
+  EXPECT_EQ(Line("**Parent pointer error %p l:%p l->p:%p\n",
+                 (void*)nodes[n - 2], (void*)nodes[n - 1], (void*)nodes[0]),
+            Printed(t.root, &count));
   nodes[n - 1]->parent = nodes[n - 2];
-
   t.root->ClearAttr();
-  EXPECT_EQ(deep->flags, CAREC_CALLBACK);
-  EXPECT_EQ(mid->flags, static_cast<int>(0xF3FFFFFFu));
-
+  EXPECT_EQ(0, deep->flags);
   std::vector<Key> walked = Walk(t.root, 0, nullptr);
-  ASSERT_EQ(walked.size(), n);
-  EXPECT_EQ(walked.front(), BigEndian(0));
-  EXPECT_EQ(walked.back(), BigEndian(n - 1));
-
+  EXPECT_EQ(n, walked.size());
+  EXPECT_TRUE(walked.front() == BigEndian(0) &&
+              walked.back() == BigEndian(n - 1));
   delete t.root;  // the destructor must not recurse
   t.root = nullptr;
   delete deep;
-  delete mid;
 }
 
 }  // namespace
