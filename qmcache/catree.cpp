@@ -13,6 +13,7 @@
 // Trees can degenerate into chains as long as the number of keys (a zig-zag
 // insertion order never rotates), so nothing here recurses over a tree: the
 // destructor, ClearAttr and CheckTree all iterate.
+#include <stdint.h>
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
@@ -41,6 +42,34 @@ unsigned long Max(unsigned long a, unsigned long b) { return a > b ? a : b; }
 int CompareBytes(const unsigned char* a, const unsigned char* b,
                  unsigned long n) {
   return n == 0 ? 0 : memcmp(a, b, n);
+}
+
+// The sign of Compare (node key `a` of length n against the given key `b`
+// of length m), inlined into Search and Insert: it compares eight bytes at a
+// time as big-endian words, which gives the same order as memcmp, and saves
+// the two calls per tree level that dominate a lookup.
+inline int KeyOrder(const unsigned char* a, unsigned long n,
+                    const unsigned char* b, unsigned long m) {
+  unsigned long common = n < m ? n : m;
+  unsigned long i = 0;
+  for (; i + 8 <= common; i += 8) {
+    uint64_t x, y;
+    memcpy(&x, a + i, 8);
+    memcpy(&y, b + i, 8);
+    if (x != y) return __builtin_bswap64(x) < __builtin_bswap64(y) ? -1 : 1;
+  }
+  if (i + 4 <= common) {
+    uint32_t x, y;
+    memcpy(&x, a + i, 4);
+    memcpy(&y, b + i, 4);
+    if (x != y) return __builtin_bswap32(x) < __builtin_bswap32(y) ? -1 : 1;
+    i += 4;
+  }
+  for (; i < common; i++) {
+    if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
+  }
+  if (n == m) return 0;
+  return n < m ? 1 : -1;  // the shorter key, a prefix, sorts after
 }
 
 // Rotates right at `p`, whose left child is `n`: n takes p's place (through
@@ -206,7 +235,11 @@ int BTree::Compare(unsigned char* key, unsigned long keyLength) {
 BTree* BTree::Search(unsigned char* key, unsigned long keyLength) {
   BTree* n = this;
   while (n != nullptr) {
-    int c = n->Compare(key, keyLength);
+    // Both children are fetched while this key is compared: a lookup in a
+    // large tree is bound by the memory latency of each level.
+    __builtin_prefetch(n->left);
+    __builtin_prefetch(n->right);
+    int c = KeyOrder(n->key, n->keyLength, key, keyLength);
     if (c == 0) return n;
     n = c > 0 ? n->left : n->right;
   }
@@ -217,7 +250,9 @@ BTree* BTree::Insert(unsigned char* key, unsigned long keyLength,
                      int* existed) {
   BTree* n = this;
   for (;;) {
-    int c = n->Compare(key, keyLength);
+    __builtin_prefetch(n->left);
+    __builtin_prefetch(n->right);
+    int c = KeyOrder(n->key, n->keyLength, key, keyLength);
     if (c == 0) {
       *existed = 1;
       return n;
