@@ -16,6 +16,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <sys/time.h>
+#include <time.h>
 #include <unistd.h>
 
 #include <cassert>
@@ -221,19 +222,22 @@ int CAMutex::Enter(int timeout) {
   if (SingleThreaded) return 1;
   if (core == nullptr) return -1;
   if (timeout > 0) {
-    for (;;) {
-      // `released` is reset before each try rather than after a busy one:
-      // an Exit that lands between a failed try and the wait then leaves
-      // the event set and the wait returns at once instead of timing out.
-      core->released.Reset();
-      int rc = pthread_mutex_trylock(&core->mutex);
-      if (rc == 0) break;
-      if (rc != EBUSY) return -1;
-      // The time-out applies to each wait afresh.
-      int waited = core->released.Wait(timeout);
-      if (waited == 0) return 0;
-      if (waited < 0) return -1;
+    // The wait is the mutex's own timed lock, with a deadline `timeout` ms
+    // from now. A wait on `released` could lose its wake-up to another
+    // entrant that resets the event before its own try, and then time out
+    // while the mutex is free; the timed lock is woken by the unlock itself.
+    // `released` is still set by every Exit, for hosts that wait on it.
+    struct timespec deadline;
+    clock_gettime(CLOCK_REALTIME, &deadline);
+    deadline.tv_sec += timeout / 1000;
+    deadline.tv_nsec += (long)(timeout % 1000) * 1000000L;
+    if (deadline.tv_nsec >= 1000000000L) {
+      deadline.tv_sec += 1;
+      deadline.tv_nsec -= 1000000000L;
     }
+    int rc = pthread_mutex_timedlock(&core->mutex, &deadline);
+    if (rc == ETIMEDOUT) return 0;
+    if (rc != 0) return -1;
   } else if (timeout == 0) {
     // A busy mutex gives -1 here, not 0.
     if (pthread_mutex_trylock(&core->mutex) != 0) return -1;
