@@ -4,217 +4,107 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <chrono>
-#include <functional>
-#include <thread>
 
 #include "qmcache/qmcache.hpp"
 
 namespace {
 
-int Load(const int* p) { return __atomic_load_n(p, __ATOMIC_SEQ_CST); }
-
-pthread_t* LoadThread(CAThread& t) {
+int Load(const int& v) { return __atomic_load_n(&v, __ATOMIC_SEQ_CST); }
+pthread_t* Id(CAThread& t) {
   return __atomic_load_n(&t.thread, __ATOMIC_SEQ_CST);
 }
-
-bool Eventually(const std::function<bool()>& done) {
-  auto until = std::chrono::steady_clock::now() + std::chrono::seconds(10);
-  while (!done()) {
-    if (std::chrono::steady_clock::now() > until) return false;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  }
-  return true;
+template <class F>
+bool Eventually(F done) {
+  for (int i = 0; i < 5000 && !done(); ++i) CASleep(1);
+  return done();
 }
+// Positive, and not the 1 that marks a cancelled thread.
+bool EndedByItself(CAThread& t) { return Load(t.runState) > 1; }
 
-// Works until asked to stop, then returns.
-class Cooperative : public CAThread {
+enum Mode { kCooperative, kStubborn, kMarksItselfFinished };
+
+// Works until asked to stop (a stubborn one never stops by itself; the last
+// kind marks itself finished, then goes on until released).
+class Worker : public CAThread {
  public:
-  ~Cooperative() override { Stop(); }
+  explicit Worker(Mode mode) : mode_(mode) {}
+  ~Worker() override { Stop(); }
   void Procedure() override {
-    seen = argument;
     runs++;
-    while (Load(&stopRequest) == 0) CASleep(2);
-    finished = true;
-  }
-  std::atomic<int> runs{0};
-  std::atomic<bool> finished{false};
-  std::atomic<void*> seen{nullptr};
-};
-
-// Ignores stopRequest: only cancellation ends it.
-class Stubborn : public CAThread {
- public:
-  void Procedure() override {
-    for (;;) {
-      beats++;
-      CASleep(5);
+    while (mode_ == kStubborn || Load(stopRequest) == 0) beats++, CASleep(2);
+    if (mode_ == kMarksItselfFinished) {
+      __atomic_store_n(&runState, 7, __ATOMIC_SEQ_CST);
     }
-  }
-  std::atomic<long> beats{0};
-};
-
-// Marks itself finished when asked to stop, then goes on working until
-// released.
-class SelfFinishing : public CAThread {
- public:
-  void Procedure() override {
-    while (Load(&stopRequest) == 0) CASleep(2);
-    __atomic_store_n(&runState, 7, __ATOMIC_SEQ_CST);
-    while (!release.load()) CASleep(1);
+    while (!release) CASleep(1);
     finished = true;
   }
-  std::atomic<bool> release{false};
-  std::atomic<bool> finished{false};
+  const Mode mode_;
+  std::atomic<int> runs{0};
+  std::atomic<long> beats{0};
+  std::atomic<bool> release{mode_ != kMarksItselfFinished}, finished{false};
 };
 
-// The thread touches the object after its Procedure has returned, so this one
-// lives until the process ends rather than racing the test's scope.
-SelfFinishing selfFinishing;
+// Its thread touches it after Procedure returns, so it lives to the end.
+Worker marksItselfFinished(kMarksItselfFinished);
 
-class ThreadTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    saved_ = SingleThreaded;
-    SingleThreaded = 0;
-  }
-  void TearDown() override { SingleThreaded = saved_; }
-
- private:
-  int saved_ = 0;
-};
-
-TEST_F(ThreadTest, NewAndNeverStartedThreads) {
-  CAThread t;
-  EXPECT_EQ(-1, t.runState);
-  EXPECT_EQ(nullptr, t.thread);
-  EXPECT_EQ(0, t.stopRequest);
-  EXPECT_EQ(1000, t.stopTimeout);
-  EXPECT_EQ(nullptr, t.argument);
-
-  t.Stop();  // nothing to stop: no request is made
-  EXPECT_EQ(-1, t.runState);
-  EXPECT_EQ(0, t.stopRequest);
-  EXPECT_EQ(nullptr, t.thread);
-}
-
-TEST_F(ThreadTest, CooperativeStop) {
-  Cooperative t;
+TEST(ThreadTest, CooperativeStopKeepsTheFirstArgumentAndNeverRestarts) {
   int first = 0, second = 0;
+  Worker t(kCooperative), quick(kCooperative);
   t.Start(0, &first);
   t.Start(0, &second);  // already started: ignored
-  EXPECT_EQ(&first, t.argument);
-  ASSERT_TRUE(Eventually([&] { return t.runs.load() == 1; }));
-  EXPECT_EQ(0, Load(&t.runState));
-  EXPECT_NE(nullptr, LoadThread(t));
+  ASSERT_TRUE(Eventually([&] { return t.runs == 1; }));
   t.Start(0, &second);
-  EXPECT_EQ(&first, t.argument);
-
   t.Stop();
-  EXPECT_EQ(1, Load(&t.stopRequest));
-  EXPECT_TRUE(t.finished.load());  // it returned: not cancelled
-  EXPECT_GT(Load(&t.runState), 0);
-  EXPECT_NE(1, Load(&t.runState));  // 1 would mean cancelled
-  EXPECT_EQ(&first, t.seen.load());
-
+  EXPECT_TRUE(t.finished.load());  // it saw the request and returned
+  EXPECT_TRUE(EndedByItself(t));
   t.Start(0, &second);  // finished: not started again
-  t.Stop();
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  CASleep(20);
   EXPECT_EQ(1, t.runs.load());
   EXPECT_EQ(&first, t.argument);
+
+  quick.Start(0, nullptr);
+  quick.Stop();  // right after Start: still waits for the thread
+  EXPECT_TRUE(quick.finished.load());
+  EXPECT_TRUE(EndedByItself(quick));
 }
 
-TEST_F(ThreadTest, StopRightAfterStartWaitsForTheThread) {
-  Cooperative t;
-  t.Start(0, nullptr);
-  t.Stop();
-  EXPECT_EQ(1, t.runs.load());
-  EXPECT_TRUE(t.finished.load());
-  EXPECT_GT(Load(&t.runState), 0);
-  EXPECT_NE(1, Load(&t.runState));
-}
-
-TEST_F(ThreadTest, ThreadThatFinishedByItselfIsNotCancelled) {
-  // The class's own Procedure returns at once.
-  CAThread t;
-  t.Start(0, nullptr);
-  ASSERT_TRUE(Eventually([&] { return Load(&t.runState) > 0; }));
-  EXPECT_NE(1, Load(&t.runState));
-  t.Stop();
-  EXPECT_NE(1, Load(&t.runState));
-  EXPECT_EQ(0, t.stopRequest);  // Stop saw a finished thread and did nothing
-  // Its pthread_t is still held here; the destructor frees it (a leak would
-  // show under LeakSanitizer).
-  EXPECT_NE(nullptr, LoadThread(t));
-}
-
-TEST_F(ThreadTest, ProcedureThatMarksItselfFinishedIsNotCancelled) {
-  SelfFinishing& t = selfFinishing;
-  t.Start(0, nullptr);
-  ASSERT_TRUE(Eventually([&] { return Load(&t.runState) == 0; }));
-  t.Stop();
-  EXPECT_EQ(7, Load(&t.runState));
-  EXPECT_NE(nullptr, LoadThread(t));
-  // Still alive after Stop: it finishes its work once released.
-  t.release = true;
-  ASSERT_TRUE(Eventually([&] { return t.finished.load(); }));
-}
-
-TEST_F(ThreadTest, StubbornThreadIsCancelledAfterTheTimeout) {
-  Stubborn t;
-  t.stopTimeout = 200;
-  t.Start(0, nullptr);
-  ASSERT_TRUE(Eventually([&] { return t.beats.load() > 0; }));
-  t.Stop();
-  EXPECT_EQ(1, Load(&t.stopRequest));
-  EXPECT_EQ(1, Load(&t.runState));
-  EXPECT_EQ(nullptr, LoadThread(t));
-  long beats = t.beats.load();
-  std::this_thread::sleep_for(std::chrono::milliseconds(60));
-  EXPECT_EQ(beats, t.beats.load()) << "the thread still runs";
-
-  // A time-out of -100 or less cancels without waiting at all.
-  Stubborn u;
-  u.stopTimeout = -100;
-  u.Start(0, nullptr);
-  ASSERT_TRUE(Eventually([&] { return u.beats.load() > 0; }));
-  u.Stop();
-  EXPECT_EQ(1, Load(&u.runState));
-  EXPECT_EQ(nullptr, LoadThread(u));
-  beats = u.beats.load();
-  std::this_thread::sleep_for(std::chrono::milliseconds(60));
-  EXPECT_EQ(beats, u.beats.load());
-}
-
-// A worker that answers requests through a CAThreadProc's two events.
-class Responder : public CAThread {
- public:
-  ~Responder() override { Stop(); }
-  void Procedure() override {
-    CAThreadProc* channel = static_cast<CAThreadProc*>(argument);
-    while (Load(&stopRequest) == 0) {
-      if (channel->request.Wait(10) == 1) {
-        answered++;
-        channel->reply.Post();
-      }
-    }
+TEST(ThreadTest, StopLeavesNeverStartedAndSelfEndedThreadsAlone) {
+  {
+    CAThread never;
+    never.Stop();  // returns at once
+    EXPECT_EQ(-1, never.runState);
+    EXPECT_EQ(0, never.stopRequest);
+    CAThread t;  // its Procedure returns at once
+    t.Start(0, nullptr);
+    ASSERT_TRUE(Eventually([&] { return Load(t.runState) > 0; }));
+    t.Stop();
+    EXPECT_EQ(0, t.stopRequest);
+    EXPECT_TRUE(EndedByItself(t));
+    EXPECT_NE(nullptr, Id(t));  // freed by the destructor (LeakSanitizer)
   }
-  std::atomic<int> answered{0};
-};
+  Worker& w = marksItselfFinished;
+  w.Start(0, nullptr);
+  ASSERT_TRUE(Eventually([&] { return w.runs == 1; }));
+  w.Stop();
+  EXPECT_EQ(7, Load(w.runState));
+  EXPECT_NE(nullptr, Id(w));
+  w.release = true;  // still alive after Stop
+  EXPECT_TRUE(Eventually([&] { return w.finished.load(); }));
+}
 
-TEST_F(ThreadTest, ThreadProcEventsCarryAHandShake) {
-  CAThreadProc channel;
-  channel.Procedure();  // the class's own does nothing
-  Responder r;
-  r.Start(0, &channel);
-  for (int i = 1; i <= 3; ++i) {
-    channel.request.Post();
-    EXPECT_EQ(1, channel.reply.Wait(10000));
-    EXPECT_EQ(i, r.answered.load());
+TEST(ThreadTest, AStubbornThreadIsCancelledAfterTheTimeout) {
+  for (int timeout : {150, -100}) {  // -100 or less: no wait at all
+    Worker t(kStubborn);
+    t.stopTimeout = timeout;
+    t.Start(0, nullptr);
+    ASSERT_TRUE(Eventually([&] { return t.beats > 0; }));
+    t.Stop();
+    EXPECT_EQ(1, Load(t.runState));
+    EXPECT_EQ(nullptr, Id(t));
+    long beats = t.beats;
+    CASleep(30);
+    EXPECT_EQ(beats, t.beats.load()) << "still runs after " << timeout;
   }
-  r.Stop();
-  EXPECT_GT(Load(&r.runState), 0);
-  EXPECT_NE(1, Load(&r.runState));
 }
 
 }  // namespace
