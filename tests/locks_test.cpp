@@ -170,8 +170,7 @@ TEST(LocksTest, StressKeepsGateAndMutexExclusive) {
         EXPECT_TRUE(exclusive++ == 0 && shared == 0) << "not exclusive";
         exclusive--;
         g.UniExit();
-        // A timed entry may fail (-1) when another entrant resets the
-        // release event under it; it is simply tried again.
+        // Only an entry that succeeded counts; anything else is retried.
         while (m.Enter(i % 2 ? 1000 : -1) != 1) {
         }
         long seen = counter;
