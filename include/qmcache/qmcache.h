@@ -143,7 +143,8 @@ QMCACHE_API int CA_GETSTAT(void* handle, int slot, _CAStat* out);
 /* ---- Caches and handles ----------------------------------------------- */
 
 /* Opens the cache `name` (created on first open, with `params->maxBytes` as
- * budget, 0 meaning 1 MiB) and returns a new handle; never null. Opening an
+ * budget, 0 meaning 1 MiB) and returns a new handle; null only for a null
+ * `name` (a null `params` opens with the default budget). Opening an
  * existing cache empties its statistics and sets its budget to
  * `params->maxBytes` as given (0 included). The cache's parameters are
  * written back to `params`. Initialises on demand. */
@@ -164,16 +165,19 @@ QMCACHE_API void CA_CLOSE(void* handle);
 /* Stores a copy of `size` bytes of `data` under the key (`keyLength` bytes
  * at `key`), charging `length` bytes to the cache, and replaces the key's
  * previous record (which lives on while held). Returns 1 when the key was
- * new to the cache, 0 when it existed, -1 for an invalid handle. A `size`
- * of 0 stores no record, yet the result still says whether the key was new.
- * May run reclamation before it returns. */
+ * new to the cache, 0 when it existed, -1 for an invalid handle (and, with
+ * nothing done, for a negative `keyLength`, a null `key` with a positive
+ * `keyLength`, or a null `data` with a positive `size`). A `size` of 0 stores
+ * no record, yet the result still says whether the key was new. May run
+ * reclamation before it returns. */
 QMCACHE_API int CA_INSERT(void* handle, int tag, int flags, int lifetime,
                           int keyLength, const void* key, int size, int length,
                           const void* data);
 
 /* Finds the key's record if it is younger than `maxAge` seconds (0: any
  * age; negative: never). Returns the record as a hold that you must give
- * back with CA_FREE or CA_ERASE, or null (also for an invalid handle). */
+ * back with CA_FREE or CA_ERASE, or null (also for an invalid handle, a
+ * negative `keyLength` or a null `key` with a positive `keyLength`). */
 QMCACHE_API void* CA_SEARCH(void* handle, int maxAge, int keyLength,
                             const void* key);
 
