@@ -13,6 +13,7 @@
 #include <errno.h>
 #include <limits.h>
 #include <pthread.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <sys/time.h>
@@ -79,13 +80,20 @@ int TakeSignal(CAEventState* s) {
 
 // ---- CAMem -----------------------------------------------------------------
 
+namespace {
+// The largest size a buffer may hold: its block has one byte more.
+constexpr unsigned long kMaxBlock = PTRDIFF_MAX;
+}  // namespace
+
 CAMem::CAMem(unsigned long size) {
   memcpy(magic, kMemMagic, sizeof(magic));
   external = 0;
   this->size = size;
   state = 0;
-  // size + 1 would wrap to 0 and hand back a block too small for `size`.
-  data = size == ULONG_MAX ? nullptr
+  // No block can be larger than PTRDIFF_MAX bytes, so such a size (a
+  // negative length widened by the C interface, say) fails at once; this
+  // also keeps size + 1 from wrapping to a block too small for `size`.
+  data = size >= kMaxBlock ? nullptr
                            : static_cast<unsigned char*>(malloc(size + 1));
 }
 
@@ -99,7 +107,7 @@ int CAMem::realloc(unsigned long newSize) {
   if (newSize <= size) return 1;  // a buffer never shrinks
   int result = state == 0 ? 1 : 0;
   if (external != 0 || data == nullptr) return result;
-  if (newSize == ULONG_MAX) return -1;
+  if (newSize >= kMaxBlock) return -1;  // no block can be that large
   void* grown = ::realloc(data, newSize + 1);
   if (grown == nullptr) return -1;
   data = static_cast<unsigned char*>(grown);

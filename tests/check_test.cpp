@@ -167,8 +167,18 @@ TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {
     cacheDump.clear();
     EXPECT_EQ(k.want.empty() ? 0 : 1, Check());
     EXPECT_EQ(k.want, log);
+    // The dump is the cache object itself (compared field by field: its
+    // padding bytes were never written).
+    auto holds = [&](const void* field, size_t n) {
+      size_t at = static_cast<const unsigned char*>(field) -
+                  reinterpret_cast<const unsigned char*>(c);
+      return memcmp(cacheDump.data() + at, field, n) == 0;
+    };
     EXPECT_TRUE(cacheDump.empty() ||
-                memcmp(cacheDump.data(), c, sizeof(CACache)) == 0);
+                (cacheDump.size() == sizeof(CACache) && holds(c->magic, 4) &&
+                 holds(&c->name, sizeof c->name) &&
+                 holds(&c->params, sizeof c->params) &&
+                 holds(&c->tree, sizeof c->tree)));
     for (Change& change : k.changes) change.undo();
     EXPECT_EQ(0, Check()) << k.want;
   }
