@@ -86,9 +86,9 @@ TEST_F(LateRelease, ErasedAndEvictedHeldRecordsOutliveTeardown) {
   CA_ERASE(h, first);  // one hold left: detached, alive
 
   // An expiring record is evicted even while held.
-  ASSERT_EQ(CA_INSERT(h, 0, CAREC_CALLBACK | CAREC_EXPIRES, 0, 1, "b", 1, 20,
-                      "b"),
-            1);
+  ASSERT_EQ(
+      CA_INSERT(h, 0, CAREC_CALLBACK | CAREC_EXPIRES, 0, 1, "b", 1, 20, "b"),
+      1);
   void* expiring = CA_SEARCH(h, 0, 1, "b");
   ASSERT_NE(expiring, nullptr);
   now += 1;
