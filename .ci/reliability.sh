@@ -53,11 +53,9 @@ if want valgrind; then
   cmake --build "$build" -j2
   failed=0
   count=0
-  # Raw memory dumps of the structure check and one deliberate impossible
-  # malloc are expected; .ci/valgrind.supp says why.
   vg=(valgrind --quiet --error-exitcode=1 --leak-check=full
       --errors-for-leak-kinds=definite,indirect
-      --show-leak-kinds=definite,indirect --suppressions=.ci/valgrind.supp)
+      --show-leak-kinds=definite,indirect)
   for test in "$build"/tests/*_test; do
     [ -x "$test" ] || continue
     count=$((count + 1))
