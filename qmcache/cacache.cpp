@@ -1,12 +1,18 @@
 // Caches, the registry and access handles; the record operations of a
 // handle; listing; the reclamation triggers; the structure check.
 #include <assert.h>
+#include <stdarg.h>
+#include <stdint.h>
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
 
+#include <unordered_set>
+#include <vector>
+
 #include "cainternal.h"
 #include "qmcache/qmcache.hpp"
+#include "qmcache/ybtrace.h"
 
 // ==== Caches, handles and record operations ==================================
 //
@@ -470,39 +476,20 @@ void** CACacheAction::GetCacheAsList(int* count) {
   return list;
 }
 
-// Pre-order over `node`'s subtree, iterative along parent links so that a
-// chain-shaped tree needs no stack. A node without a record is skipped but
-// the records below it are listed: a host expects the list to hold every
-// record of the cache.
+// Pre-order over `node`'s subtree (PreorderNext: no stack, whatever the
+// tree's height). A node without a record is skipped but the records
+// below it are listed: a host expects the list to hold every record.
 int CACacheAction::TreeToArray(BTree* node, void** list, int* count) {
-  BTree* current = node;
-  while (current != nullptr) {
-    if (current->payload != nullptr) list[(*count)++] = current->payload;
-    if (current->left != nullptr) {
-      current = current->left;
-      continue;
-    }
-    if (current->right != nullptr) {
-      current = current->right;
-      continue;
-    }
-    // A leaf: climb to the nearest ancestor whose right subtree is unseen.
-    for (;;) {
-      if (current == node) return *count;
-      BTree* parent = current->parent;
-      if (current == parent->left && parent->right != nullptr) {
-        current = parent->right;
-        break;
-      }
-      current = parent;
-    }
+  for (BTree* n = node; n != nullptr; n = PreorderNext(n, node)) {
+    if (n->payload != nullptr) list[(*count)++] = n->payload;
   }
   return *count;
 }
 
 void CACacheAction::FreeList(void* list) { free(list); }
 
-// ==== Structure check =========================================================
+// ==== Structure check
+// =========================================================
 //
 // CheckCache walks the registry and tests every cache, its handle table,
 // its record tree and every record, stopping at the first fault. Unless the
@@ -519,14 +506,6 @@ void CACacheAction::FreeList(void* list) { free(list); }
 // be deeper than its height fields admit: a heap stack of pending nodes
 // reproduces the recursive order (node fields, left subtree, left link,
 // right subtree, right link, record) and so the same first fault.
-
-#include <stdarg.h>
-#include <stdint.h>
-
-#include <unordered_set>
-#include <vector>
-
-#include "qmcache/ybtrace.h"
 
 char CACache::cache_buf[512];
 

@@ -22,6 +22,7 @@
 #include <new>
 #include <vector>
 
+#include "cainternal.h"
 #include "qmcache/qmcache.hpp"
 
 // Advanced with a plain increment: only `serial` is derived from it and
@@ -301,34 +302,12 @@ void BTree::ReOrg() {
   }
 }
 
-// Pre-order walk of the subtree over the parent pointers, so that a chain
-// of any length needs no stack. It never climbs above this node. Requires
-// sound parent links, as every other tree operation does.
+// A pre-order walk over the parent pointers: no stack, whatever the
+// tree's height. Empty nodes are passed over, not their subtrees.
 void BTree::ClearAttr() {
-  BTree* n = this;
-  for (;;) {
+  for (BTree* n = this; n != nullptr; n = PreorderNext(n, this)) {
     if (n->payload != nullptr) {
       static_cast<CARecord*>(n->payload)->flags &= kClearAttrMask;
-    }
-    if (n->left != nullptr) {
-      n = n->left;
-      continue;
-    }
-    if (n->right != nullptr) {
-      n = n->right;
-      continue;
-    }
-    // A leaf: climb to the nearest ancestor whose right subtree is still
-    // to be visited, coming up from its left side.
-    for (;;) {
-      if (n == this) return;
-      BTree* p = n->parent;
-      if (p == nullptr) return;
-      if (p->left == n && p->right != nullptr) {
-        n = p->right;
-        break;
-      }
-      n = p;
     }
   }
 }
