@@ -34,36 +34,6 @@ constexpr unsigned int kDefaultBudget = 1048576;
 constexpr unsigned int kFreeNodeLimit = 20000;
 constexpr int kActionGrowth = 16;
 
-// Replacing a record unlinks the old one, and the free-node trigger that the
-// unlink can fire may rebuild the tree, discarding the very node the insert
-// is about to fill. While an insert replaces a record in `replacingIn`,
-// FreeNode therefore only notes that a trigger is due; the insert fires it
-// once the new record is attached (and charged) or dropped.
-CACache* replacingIn = nullptr;
-bool triggerDue = false;
-
-// Opens the deferral window for one replacement; the destructor closes it,
-// also when constructing the new record throws.
-class ReplaceWindow {
- public:
-  explicit ReplaceWindow(CACache* cache) {
-    assert(replacingIn == nullptr);
-    replacingIn = cache;
-    triggerDue = false;
-  }
-  ~ReplaceWindow() { Close(); }
-  // Ends the window; true when FreeNode asked for a trigger inside it.
-  bool Close() {
-    bool due = triggerDue;
-    replacingIn = nullptr;
-    triggerDue = false;
-    return due;
-  }
-
-  ReplaceWindow(const ReplaceWindow&) = delete;
-  ReplaceWindow& operator=(const ReplaceWindow&) = delete;
-};
-
 unsigned long KeyLengthOf(const char* name) { return strlen(name) + 1; }
 
 unsigned char* KeyOf(const char* name) {
@@ -85,7 +55,37 @@ void TriggerWithClock(CACache* cache, CACacheAction* action) {
   if (action != nullptr) action->clock.Resume();
 }
 
+// True when destroying `record` calls the host back, and the host may then
+// use the library again, on this very cache too.
+bool CallsBack(const CARecord* record) {
+  return (record->flags & CAREC_CALLBACK) != 0 && free_handle != nullptr;
+}
+
 }  // namespace
+
+// ---- The handle table and the private state in front of it -----------------
+
+CACacheAction** NewActionTable(int slots) {
+  void** block = static_cast<void**>(calloc(slots + 1, sizeof(void*)));
+  block[0] = new CacheState();
+  return reinterpret_cast<CACacheAction**>(block + 1);
+}
+
+CACacheAction** GrowActionTable(CACacheAction** table, int oldSlots,
+                                int slots) {
+  void** block = reinterpret_cast<void**>(table) - 1;
+  block = static_cast<void**>(
+      realloc(block, (oldSlots + slots + 1) * sizeof(void*)));
+  memset(block + 1 + oldSlots, 0, slots * sizeof(void*));
+  return reinterpret_cast<CACacheAction**>(block + 1);
+}
+
+void FreeActionTable(CACacheAction** table) {
+  if (table == nullptr) return;
+  void** block = reinterpret_cast<void**>(table) - 1;
+  delete static_cast<CacheState*>(block[0]);
+  free(block);
+}
 
 // ---- Caches and the registry ------------------------------------------------
 
@@ -169,8 +169,7 @@ CACache::CACache(char* name, CAParams* params)
   tree = nullptr;
   this->name = strdup(name);
   actionSlots = kActionGrowth;
-  actions = static_cast<CACacheAction**>(
-      calloc(kActionGrowth, sizeof(CACacheAction*)));
+  actions = NewActionTable(kActionGrowth);
   memcpy(&this->params, params, sizeof(CAParams));
   if (this->params.maxBytes == 0) this->params.maxBytes = kDefaultBudget;
   this->params.allocated = 0;
@@ -203,7 +202,7 @@ CACache::~CACache() {
     if (action->cache == this) action->cache = nullptr;  // no call back
     delete action;
   }
-  free(actions);
+  FreeActionTable(actions);
   actions = nullptr;
   if (cafree != nullptr) cafree->DeleteFromList(this);
   free(name);
@@ -219,9 +218,7 @@ void CACache::InsertAction(CACacheAction* action) {
     }
   }
   int old = actionSlots;
-  actions = static_cast<CACacheAction**>(
-      realloc(actions, (old + kActionGrowth) * sizeof(CACacheAction*)));
-  memset(actions + old, 0, kActionGrowth * sizeof(CACacheAction*));
+  actions = GrowActionTable(actions, old, kActionGrowth);
   actions[old] = action;
   actionSlots = old + kActionGrowth;
 }
@@ -280,14 +277,14 @@ void CACache::Allocated(unsigned long bytes, CACacheAction* action) {
   TriggerWithClock(this, action);
 }
 
+bool CountFreeNode(CACache* cache) {
+  cache->params.usedNodes -= 1;
+  return cafree != nullptr &&
+         cache->params.nodes - cache->params.usedNodes > kFreeNodeLimit;
+}
+
 void CACache::FreeNode(CACacheAction* action) {
-  params.usedNodes -= 1;
-  if (cafree == nullptr || params.nodes - params.usedNodes <= kFreeNodeLimit)
-    return;
-  if (replacingIn == this) {
-    triggerDue = true;  // the replacing insert fires it (see ReplaceWindow)
-    return;
-  }
+  if (!CountFreeNode(this)) return;
   if (action == nullptr) {
     cafree->TriggerFree(this);
     return;
@@ -329,6 +326,34 @@ void CACacheAction::Close() {
 
 // ---- Record operations ------------------------------------------------------
 
+namespace {
+
+// The key's node in the cache's tree, added (empty) when the key is new;
+// `existed` tells which. The tree's root may change: nothing keeps it.
+BTree* NodeForKey(CACache* c, unsigned char* key, unsigned long keyLength,
+                  int* existed) {
+  if (c->tree == nullptr) {
+    *existed = 0;
+    c->tree = new BTree(key, keyLength, nullptr, &c->tree);
+    return c->tree;
+  }
+  return c->tree->Insert(key, keyLength, existed);
+}
+
+}  // namespace
+
+// Replacing a record unlinks the old one, and the free-node trigger that the
+// unlink would fire may rebuild the tree, discarding the very node the insert
+// is about to fill. The replacement therefore unlinks the old record itself
+// and defers that trigger: it fires once the new record is attached and
+// charged (or dropped), unless the charge ran a pass of its own.
+//
+// Destroying the old record may call the host's release callback, which may
+// use the library again, on this cache too: store a record under this very
+// key, erase others, start a pass or a rebuild that discards the emptied
+// node. After such a callback the key's node is looked up again (and made
+// anew if a rebuild discarded it), and a record the callback stored there is
+// replaced in turn, so the record this insert stores is the one that stays.
 int CACacheAction::Insert(int tag, int flags, long lifetime,
                           unsigned long keyLength, void* key,
                           unsigned long size, unsigned long length,
@@ -338,19 +363,20 @@ int CACacheAction::Insert(int tag, int flags, long lifetime,
   CACache* c = cache;
   unsigned char* bytes = static_cast<unsigned char*>(key);
   int existed = 0;
-  BTree* node;
-  if (c->tree == nullptr) {
-    node = new BTree(bytes, keyLength, nullptr, &c->tree);
-    c->tree = node;
-  } else {
-    node = c->tree->Insert(bytes, keyLength, &existed);
-  }
-  int result = existed ? 0 : 1;
+  BTree* node = NodeForKey(c, bytes, keyLength, &existed);
+  const int result = existed ? 0 : 1;
 
-  ReplaceWindow window(c);
+  bool due = false;  // the free-node trigger that the replacement deferred
   if (existed) {
-    if (node->payload != nullptr)
-      static_cast<CARecord*>(node->payload)->Unlink(this);
+    while (node->payload != nullptr) {
+      CARecord* old = static_cast<CARecord*>(node->payload);
+      const bool callsBack = old->refCount == 0 && CallsBack(old);
+      UnlinkDeferringTrigger(old, &due);
+      if (!callsBack) break;
+      int again = 0;
+      node = NodeForKey(c, bytes, keyLength, &again);
+      if (!again) c->params.nodes += 1;  // a rebuild discarded the node
+    }
     // A replaced node keeps its count; an empty one counts again.
     c->params.usedNodes += 1;
   } else {
@@ -359,10 +385,6 @@ int CACacheAction::Insert(int tag, int flags, long lifetime,
   }
   CARecord* record =
       new CARecord(size, length, data, node, c, tag, flags, lifetime);
-  if (record->valid) node->payload = record;
-  // The window closes before the budget check: the erases of a pass started
-  // there must not be taken for the replacement's own free node.
-  bool due = window.Close();
   if (!record->valid) {
     // Dropped: the node stays empty, its count stays raised and nothing is
     // recorded. The callback (if asked for) sees the dropped record.
@@ -370,6 +392,7 @@ int CACacheAction::Insert(int tag, int flags, long lifetime,
     if (due) TriggerWithClock(c, this);
     return result;
   }
+  node->payload = record;
   // Charged before the deferred trigger fires, so that no pass meets an
   // uncharged record. A charge that crosses the budget runs a whole pass
   // (eviction, then rebuild), which also serves the deferred trigger: it is
@@ -394,9 +417,10 @@ CARecord* CACacheAction::Search(long maxAge, unsigned long keyLength,
     if (node != nullptr) record = static_cast<CARecord*>(node->payload);
   }
   if (record != nullptr && maxAge != 0) {
-    time_t now = time(nullptr);
-    // A negative limit never hits, whatever the clock did.
-    if (maxAge < 0 || (long)(now - record->created) >= maxAge) record = nullptr;
+    // The age is signed: a record made after the clock stepped back is
+    // younger than 0 seconds, and a limit above that age still finds it.
+    const long age = (long)(time(nullptr) - record->created);
+    if (age >= maxAge) record = nullptr;
   }
   double value;
   if (record == nullptr) {

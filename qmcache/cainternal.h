@@ -3,6 +3,8 @@
 #ifndef QMCACHE_CAINTERNAL_H
 #define QMCACHE_CAINTERNAL_H
 
+#include <unordered_set>
+
 #include "qmcache/qmcache.hpp"
 
 // The node after `n` in a pre-order walk (node, left subtree, right
@@ -22,6 +24,39 @@ inline BTree* PreorderNext(BTree* n, const BTree* top) {
     n = p;
   }
 }
+
+// ---- A cache's private state ------------------------------------------------
+//
+// A cache keeps some state of its own beside its exported fields. It hangs in
+// front of the cache's handle table: the table's heap block starts with a
+// pointer to the state, and `actions` points just past it, so the exported
+// layout of CACache stays as it is and every cache has a state, however it
+// was constructed. Everything in it is touched only by calls on that cache,
+// which the host serialises, so none of it needs a lock.
+struct CacheState {
+  // Records that left the tree while held and are still alive. A destroyed
+  // cache clears their `cache`, so their last release touches no dead cache.
+  std::unordered_set<CARecord*> detachedHeld;
+};
+
+inline CacheState* StateOf(const CACache* cache) {
+  return reinterpret_cast<CacheState* const*>(cache->actions)[-1];
+}
+
+// The handle table: `slots` null handles behind a new state.
+CACacheAction** NewActionTable(int slots);
+// The same table with `slots` more null slots at its end (same state).
+CACacheAction** GrowActionTable(CACacheAction** table, int oldSlots, int slots);
+// Frees the table and its state.
+void FreeActionTable(CACacheAction** table);
+
+// The count of CACache::FreeNode: lowers `usedNodes` and tells whether the
+// free-node trigger is due, without firing it.
+bool CountFreeNode(CACache* cache);
+
+// CARecord::Unlink for a replacement: the free-node trigger is not fired but
+// noted in `due`, for the insert to fire once its new record is in place.
+void UnlinkDeferringTrigger(CARecord* record, bool* due);
 
 // Called by a cache's destructor once its tree is gone: every record of the
 // cache that left its tree while held, and is still alive, forgets the cache,

@@ -10,19 +10,15 @@
 // A record can outlive its cache: one that is held when it leaves its tree
 // (replaced, erased or evicted while held, or still attached when the cache
 // is destroyed) stays alive for its holders. Each cache therefore keeps, in
-// a side table, the records that left its tree while held; its destructor
-// clears their `cache` (OrphanDetachedRecords), and Unlink and Free skip the
-// `allocated` update for a record without a cache, so a late release never
-// touches a destroyed cache, nor a new cache that reuses its address. The
-// table is touched only on that rare path and has its own lock, since
-// records of different caches may be released on different threads.
+// its private state, the records that left its tree while held; its
+// destructor clears their `cache` (OrphanDetachedRecords), and Unlink and
+// Free skip the `allocated` update for a record without a cache, so a late
+// release never touches a destroyed cache, nor a new cache that reuses its
+// address. The set is touched only on that rare path and only by calls on
+// its own cache, which the host serialises: no lock.
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
-
-#include <mutex>
-#include <unordered_map>
-#include <unordered_set>
 
 #include "cainternal.h"
 #include "qmcache/qmcache.hpp"
@@ -31,14 +27,9 @@ CACritical CARecord::recordHnd;
 
 namespace {
 
-std::mutex detachedLock;
-// Records detached while held, by the cache they still charge.
-std::unordered_map<CACache*, std::unordered_set<CARecord*>> detachedHeld;
-
 void NoteDetachedHeld(CARecord* record) {
-  if (record->cache == nullptr) return;
-  std::lock_guard<std::mutex> guard(detachedLock);
-  detachedHeld[record->cache].insert(record);
+  if (record->cache != nullptr)
+    StateOf(record->cache)->detachedHeld.insert(record);
 }
 
 // Gives the record's accounted bytes back to its cache (32-bit counter, low
@@ -47,14 +38,7 @@ void Destroy(CARecord* record, bool wasDetachedHeld) {
   CACache* cache = record->cache;
   if (cache != nullptr) {
     cache->params.allocated -= (unsigned int)record->length;
-    if (wasDetachedHeld) {
-      std::lock_guard<std::mutex> guard(detachedLock);
-      auto entry = detachedHeld.find(cache);
-      if (entry != detachedHeld.end()) {
-        entry->second.erase(record);
-        if (entry->second.empty()) detachedHeld.erase(entry);
-      }
-    }
+    if (wasDetachedHeld) StateOf(cache)->detachedHeld.erase(record);
   }
   delete record;
 }
@@ -62,11 +46,9 @@ void Destroy(CARecord* record, bool wasDetachedHeld) {
 }  // namespace
 
 void OrphanDetachedRecords(CACache* cache) {
-  std::lock_guard<std::mutex> guard(detachedLock);
-  auto entry = detachedHeld.find(cache);
-  if (entry == detachedHeld.end()) return;
-  for (CARecord* record : entry->second) record->cache = nullptr;
-  detachedHeld.erase(entry);
+  CacheState* state = StateOf(cache);
+  for (CARecord* record : state->detachedHeld) record->cache = nullptr;
+  state->detachedHeld.clear();
 }
 
 CARecord::CARecord(unsigned long size, unsigned long length, void* data,
@@ -101,20 +83,38 @@ CARecord::~CARecord() {
     free_handle(flags, size, data);
 }
 
-void CARecord::Unlink(CACacheAction* action) {
-  const bool wasAttached = node != nullptr;
+namespace {
+
+// Unlink's work. With `due`, the free-node trigger is noted there instead of
+// fired.
+void Detach(CARecord* record, CACacheAction* action, bool* due) {
+  const bool wasAttached = record->node != nullptr;
   if (wasAttached) {
-    node->payload = nullptr;
-    node = nullptr;
+    record->node->payload = nullptr;
+    record->node = nullptr;
     // Noted before FreeNode: a pass that it starts may destroy the cache's
     // other records, but never this held one.
-    if (refCount != 0) NoteDetachedHeld(this);
+    if (record->refCount != 0) NoteDetachedHeld(record);
     // FreeNode may run a reclamation pass that replaces the whole tree, so
     // the old node is not touched again after this call.
-    if (cache != nullptr) cache->FreeNode(action);
+    if (record->cache != nullptr) {
+      if (due == nullptr) {
+        record->cache->FreeNode(action);
+      } else if (CountFreeNode(record->cache)) {
+        *due = true;
+      }
+    }
   }
-  if (refCount == 0) Destroy(this, !wasAttached);
+  if (record->refCount == 0) Destroy(record, !wasAttached);
 }
+
+}  // namespace
+
+void UnlinkDeferringTrigger(CARecord* record, bool* due) {
+  Detach(record, nullptr, due);
+}
+
+void CARecord::Unlink(CACacheAction* action) { Detach(this, action, nullptr); }
 
 void CARecord::Erase(CACacheAction* action) {
   if (refCount > 0) refCount--;

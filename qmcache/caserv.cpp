@@ -35,6 +35,10 @@ struct CAEventState {
 struct CAMutexCore {
   pthread_mutex_t mutex;  // recursive
   CAEvent released;       // set by every successful Exit
+  // Successful Exits so far, counted under `released`'s mutex. A timed
+  // entry waits for this count to move, never for the event's flag, which
+  // another entrant could reset between an Exit and the wait.
+  unsigned long exits;
 };
 
 namespace {
@@ -216,6 +220,7 @@ void CAEvent::Reset() {
 
 CAMutex::CAMutex() : core(nullptr), entries(0) {
   core = new CAMutexCore;
+  core->exits = 0;
   InitRecursiveMutex(&core->mutex);
 }
 
@@ -226,26 +231,63 @@ CAMutex::~CAMutex() {
   core = nullptr;
 }
 
+namespace {
+
+unsigned long ExitsSoFar(CAMutexCore* core) {
+  CAEventState* s = core->released.state;
+  pthread_mutex_lock(&s->mutex);
+  unsigned long exits = core->exits;
+  pthread_mutex_unlock(&s->mutex);
+  return exits;
+}
+
+// Waits up to `ms` milliseconds for an Exit after the count `seen`. True when
+// one came (perhaps already before the wait began), false at the deadline.
+bool WaitForExit(CAMutexCore* core, unsigned long seen, int ms) {
+  CAEventState* s = core->released.state;
+  struct timespec deadline;
+  clock_gettime(CLOCK_REALTIME, &deadline);
+  deadline.tv_sec += ms / 1000;
+  deadline.tv_nsec += (long)(ms % 1000) * 1000000L;
+  if (deadline.tv_nsec >= 1000000000L) {
+    deadline.tv_sec += 1;
+    deadline.tv_nsec -= 1000000000L;
+  }
+  pthread_mutex_lock(&s->mutex);
+  int rc = 0;
+  while (core->exits == seen && rc != ETIMEDOUT) {
+    rc = pthread_cond_timedwait(&s->cond, &s->mutex, &deadline);
+  }
+  const bool exited = core->exits != seen;
+  pthread_mutex_unlock(&s->mutex);
+  return exited;
+}
+
+}  // namespace
+
+// A timed entry tries the lock and, while it is busy, waits for the next
+// Exit; every Exit wakes every waiter, and a waiter that still finds the
+// mutex held (another thread took it first, or the holder left one level of
+// a recursive entry) waits again for up to the whole time-out. The count of
+// Exits is read before each try, so an Exit between a failed try and the
+// wait is never missed; and a wait that times out tries once more, so an
+// entry never times out while the mutex is free.
 int CAMutex::Enter(int timeout) {
   if (SingleThreaded) return 1;
   if (core == nullptr) return -1;
   if (timeout > 0) {
-    // The wait is the mutex's own timed lock, with a deadline `timeout` ms
-    // from now. A wait on `released` could lose its wake-up to another
-    // entrant that resets the event before its own try, and then time out
-    // while the mutex is free; the timed lock is woken by the unlock itself.
-    // `released` is still set by every Exit, for hosts that wait on it.
-    struct timespec deadline;
-    clock_gettime(CLOCK_REALTIME, &deadline);
-    deadline.tv_sec += timeout / 1000;
-    deadline.tv_nsec += (long)(timeout % 1000) * 1000000L;
-    if (deadline.tv_nsec >= 1000000000L) {
-      deadline.tv_sec += 1;
-      deadline.tv_nsec -= 1000000000L;
+    if (core->released.state == nullptr) return -1;  // nothing to wait on
+    for (;;) {
+      const unsigned long seen = ExitsSoFar(core);
+      int rc = pthread_mutex_trylock(&core->mutex);
+      if (rc == 0) break;
+      if (rc != EBUSY) return -1;
+      if (!WaitForExit(core, seen, timeout)) {
+        rc = pthread_mutex_trylock(&core->mutex);
+        if (rc == 0) break;
+        return rc == EBUSY ? 0 : -1;
+      }
     }
-    int rc = pthread_mutex_timedlock(&core->mutex, &deadline);
-    if (rc == ETIMEDOUT) return 0;
-    if (rc != 0) return -1;
   } else if (timeout == 0) {
     // A busy mutex gives -1 here, not 0.
     if (pthread_mutex_trylock(&core->mutex) != 0) return -1;
@@ -256,11 +298,20 @@ int CAMutex::Enter(int timeout) {
   return 1;
 }
 
+// Sets `released` as CAEvent::Set does, counting the Exit under the same
+// lock, and wakes every timed entry.
 void CAMutex::Exit() {
   if (SingleThreaded || core == nullptr) return;
   // An unlock by a thread that does not hold the mutex fails and wakes no
   // one.
-  if (pthread_mutex_unlock(&core->mutex) == 0) core->released.Set();
+  if (pthread_mutex_unlock(&core->mutex) != 0) return;
+  CAEventState* s = core->released.state;
+  if (s == nullptr) return;
+  pthread_mutex_lock(&s->mutex);
+  core->exits += 1;
+  StoreInt(&s->signal, 1);
+  pthread_cond_broadcast(&s->cond);
+  pthread_mutex_unlock(&s->mutex);
 }
 
 // ---- CACritical ------------------------------------------------------------

@@ -4,7 +4,9 @@
 // AddressSanitizer a write to it is a use-after-free; in a plain build the
 // allocator usually hands the cache's memory to the next cache of the same
 // size, whose byte count the stray write would then change.
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <string.h>
 #include <time.h>
 
@@ -50,6 +52,21 @@ class LateRelease : public ::testing::Test {
 extern "C" __attribute__((visibility("default"))) time_t time(time_t* t) {
   if (t != nullptr) *t = now;
   return now;
+}
+
+// Every pthread_mutex_lock of the process passes through here, so a test can
+// count the locks that the library takes on its thread.
+namespace {
+thread_local bool countingLocks = false;
+thread_local int locksTaken = 0;
+}  // namespace
+
+extern "C" __attribute__((visibility("default"))) int pthread_mutex_lock(
+    pthread_mutex_t* mutex) {
+  using Lock = int (*)(pthread_mutex_t*);
+  static Lock real = reinterpret_cast<Lock>(dlsym(RTLD_NEXT, __func__));
+  if (countingLocks) locksTaken++;
+  return real(mutex);
 }
 
 TEST_F(LateRelease, ReplacedHeldRecordOutlivesItsCache) {
@@ -105,5 +122,29 @@ TEST_F(LateRelease, ErasedAndEvictedHeldRecordsOutliveTeardown) {
   CA_FREE(other, expiring);
   EXPECT_EQ(released, 2);
   EXPECT_EQ(Allocated(other), 0u);
+  CA_CLOSE(other);
+}
+
+// No record operation takes a lock, not even on the rare path that tracks
+// held records across their cache's teardown: the host serialises the calls
+// on a cache, and records of different caches share nothing.
+TEST_F(LateRelease, HeldRecordsAreTrackedWithoutTakingALock) {
+  CA_INIT(0);  // real locking: a lock taken now would be a real one
+  void* h = Open("cache", 100);
+  void* other = Open("other", 0);
+  countingLocks = true;
+  CA_INSERT(h, 0, CAREC_CALLBACK, 0, 1, "a", 1, 10, "a");
+  void* replaced = CA_SEARCH(h, 0, 1, "a");
+  CA_INSERT(h, 0, CAREC_CALLBACK, 0, 1, "a", 1, 10, "b");
+  void* erased = CA_SEARCH(h, 0, 1, "a");
+  void* kept = CA_SEARCH(h, 0, 1, "a");
+  CA_ERASE(h, erased);
+  CA_INSERT(h, 0, 0, 0, 1, "z", 1, 500, "z");  // a pass, nothing to evict
+  CA_CLOSE(h);
+  CA_FREE(other, replaced);
+  CA_FREE(other, kept);
+  countingLocks = false;
+  EXPECT_EQ(locksTaken, 0);
+  EXPECT_EQ(released, 2);
   CA_CLOSE(other);
 }

@@ -174,8 +174,10 @@ QMCACHE_API int CA_INSERT(void* handle, int tag, int flags, int lifetime,
                           int keyLength, const void* key, int size, int length,
                           const void* data);
 
-/* Finds the key's record if it is younger than `maxAge` seconds (0: any
- * age; negative: never). Returns the record as a hold that you must give
+/* Finds the key's record if it is younger than `maxAge` seconds, its age
+ * being the current time minus its creation time as a signed count (0: any
+ * age; a negative limit finds only records made after the clock stepped
+ * back, whose age is more negative still). Returns the record as a hold that you must give
  * back with CA_FREE or CA_ERASE, or null (also for an invalid handle, a
  * negative `keyLength` or a null `key` with a positive `keyLength`). */
 QMCACHE_API void* CA_SEARCH(void* handle, int maxAge, int keyLength,

@@ -634,7 +634,7 @@ class Driver {
     MRec* r = it == c->tree.end() ? nullptr : it->second;
     // A negative limit never hits; otherwise the age must stay below it.
     if (r != nullptr && maxAge != 0 &&
-        (maxAge < 0 || static_cast<long>(g_now - r->created) >= maxAge))
+        static_cast<long>(g_now - r->created) >= maxAge)
       r = nullptr;
     if ((got != nullptr) != (r != nullptr))
       Fail("CA_SEARCH '%s' maxAge %d: got %p, model %s", Printable(key).c_str(),
