@@ -5,6 +5,7 @@
 #include <stdlib.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <fstream>
@@ -106,9 +107,12 @@ int LiveHandles(CACache* cache) {
 // Trace lines written while `run` runs, without their " at <time>" tails.
 template <class F>
 Lines Traced(F run) {
+  // Named after the process too: tests of other processes (ctest runs
+  // several at once) write logs of their own.
   static int serial = 0;
-  const std::string path =
-      testing::TempDir() + "reclaim_" + std::to_string(++serial) + ".log";
+  const std::string path = testing::TempDir() + "reclaim_" +
+                           std::to_string(getpid()) + "_" +
+                           std::to_string(++serial) + ".log";
   trace = new Trace(path.c_str());
   run();
   delete trace;

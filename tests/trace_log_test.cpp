@@ -5,6 +5,7 @@
 #include <stdio.h>
 #include <string.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <fstream>
 #include <regex>
@@ -60,7 +61,9 @@ int Insert(void* h, const char* key, int length) {
 class TraceLogTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    path = testing::TempDir() + "qmcache_trace_log_test.log";
+    // A name of this process's own: ctest runs other tests beside it.
+    path = testing::TempDir() + "qmcache_trace_log_test_" +
+           std::to_string(getpid()) + ".log";
     seenAtRelease.clear();
     trace = new Trace(path.c_str());
     ASSERT_NE(nullptr, trace->file);
