@@ -37,6 +37,7 @@
 #include <cassert>
 #include <utility>
 
+#include "cainternal.h"
 #include "qmcache/qmcache.hpp"
 
 // Reference time of the current eviction pass; every grade of the pass is
@@ -259,21 +260,25 @@ void CAFree::RebuildTree(CACacheAction* action) {
   BTree* root = nullptr;
   unsigned int total = 0;
   int count = 0;
+  // The index follows the new tree: it is refilled batch by batch, and no
+  // key is looked up until the new tree is in place.
+  KeyIndex& index = StateOf(cache)->index;
+  index.Reset(cache->params.usedNodes);
+  auto flush = [&] {
+    InsRecurs(&root, batch, 0, count - 1);
+    for (int i = 0; i < count; i++)
+      index.Add(static_cast<CARecord*>(batch[i]->payload)->node);
+    total += count;
+    count = 0;
+  };
   BTreeNumerator* walk = nullptr;
   for (BTree* node = cache->First(&walk); node != nullptr;
        node = cache->Next(&walk)) {
     if (node->payload == nullptr) continue;
     batch[count++] = node;
-    if (count == kBatchSize) {
-      InsRecurs(&root, batch, 0, count - 1);
-      total += count;
-      count = 0;
-    }
+    if (count == kBatchSize) flush();
   }
-  if (count > 0) {
-    InsRecurs(&root, batch, 0, count - 1);
-    total += count;
-  }
+  if (count > 0) flush();
 
   BTree* old = cache->tree;
   cache->tree = root;

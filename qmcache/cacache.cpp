@@ -65,6 +65,19 @@ bool CallsBack(const CARecord* record) {
 
 // ---- The handle table and the private state in front of it -----------------
 
+BTree* FindNode(CACache* cache, const unsigned char* key,
+                unsigned long keyLength) {
+  const KeyIndex& index = StateOf(cache)->index;
+  BTree* descent = nullptr;
+#ifdef NDEBUG
+  if (index.usable()) return index.Find(key, keyLength);
+#endif
+  if (cache->tree != nullptr)
+    descent = cache->tree->Search(const_cast<unsigned char*>(key), keyLength);
+  assert(!index.usable() || index.Find(key, keyLength) == descent);
+  return descent;
+}
+
 CACacheAction** NewActionTable(int slots) {
   void** block = static_cast<void**>(calloc(slots + 1, sizeof(void*)));
   block[0] = new CacheState();
@@ -329,15 +342,22 @@ void CACacheAction::Close() {
 namespace {
 
 // The key's node in the cache's tree, added (empty) when the key is new;
-// `existed` tells which. The tree's root may change: nothing keeps it.
+// `existed` tells which. Only a new key descends the tree, to link its node
+// in (the root may change: nothing keeps it).
 BTree* NodeForKey(CACache* c, unsigned char* key, unsigned long keyLength,
                   int* existed) {
+  BTree* node = FindNode(c, key, keyLength);
+  *existed = node != nullptr;
+  if (node != nullptr) return node;
   if (c->tree == nullptr) {
-    *existed = 0;
-    c->tree = new BTree(key, keyLength, nullptr, &c->tree);
-    return c->tree;
+    node = new BTree(key, keyLength, nullptr, &c->tree);
+    c->tree = node;
+  } else {
+    node = c->tree->Insert(key, keyLength, existed);
+    assert(*existed == 0);
   }
-  return c->tree->Insert(key, keyLength, existed);
+  StateOf(c)->index.Add(node);
+  return node;
 }
 
 }  // namespace
@@ -411,11 +431,8 @@ CARecord* CACacheAction::Search(long maxAge, unsigned long keyLength,
   if (cache == nullptr) return nullptr;
   clock.Start();
   CARecord* record = nullptr;
-  if (cache->tree != nullptr) {
-    BTree* node =
-        cache->tree->Search(static_cast<unsigned char*>(key), keyLength);
-    if (node != nullptr) record = static_cast<CARecord*>(node->payload);
-  }
+  BTree* node = FindNode(cache, static_cast<unsigned char*>(key), keyLength);
+  if (node != nullptr) record = static_cast<CARecord*>(node->payload);
   if (record != nullptr && maxAge != 0) {
     // The age is signed: a record made after the clock stepped back is
     // younger than 0 seconds, and a limit above that age still finds it.

@@ -5,6 +5,7 @@
 
 #include <unordered_set>
 
+#include "keyindex.h"
 #include "qmcache/qmcache.hpp"
 
 // The node after `n` in a pre-order walk (node, left subtree, right
@@ -37,7 +38,15 @@ struct CacheState {
   // Records that left the tree while held and are still alive. A destroyed
   // cache clears their `cache`, so their last release touches no dead cache.
   std::unordered_set<CARecord*> detachedHeld;
+  // Every node of the record tree by its key.
+  KeyIndex index;
 };
+
+// The node with exactly this key in the cache's record tree (empty nodes
+// included), or null. Found through the index; a debug build checks it
+// against the tree's own descent.
+BTree* FindNode(CACache* cache, const unsigned char* key,
+                unsigned long keyLength);
 
 inline CacheState* StateOf(const CACache* cache) {
   return reinterpret_cast<CacheState* const*>(cache->actions)[-1];
