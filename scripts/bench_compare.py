@@ -5,7 +5,8 @@ of its own, and keeps what they measured.
 Every pair is run twice in fresh processes: once plainly, for throughput,
 hit ratio and memory, and once with every operation timed (--latency), for
 the latency percentiles. With --repeat R the plain run is made R times and
-the one with the median time per operation is kept.
+the one with the median time per operation is kept (3 runs by default, 1
+with --quick).
 
   scripts/bench_compare.py [--compare PATH] [--quick] [--records N]
                            [--contenders a,b] [--workloads x,y]
@@ -54,6 +55,8 @@ WORKLOAD_TITLES = {
 EVICTING = {"readthrough", "churn"}
 FULL_RECORDS = 1000000
 QUICK_RECORDS = 100000
+# Plain runs per pair in a full comparison; the median is kept.
+FULL_REPEAT = 3
 # A process whose measured loop runs longer than this stops and reports
 # what it did (marked truncated).
 DEFAULT_TIME_LIMIT = 180.0
@@ -403,17 +406,19 @@ def main():
                     help="comma-separated, of: " + ",".join(CONTENDERS))
     ap.add_argument("--workloads", default=None,
                     help="comma-separated, of: " + ",".join(WORKLOADS))
-    ap.add_argument("--repeat", type=int, default=1,
-                    help="plain runs per pair (the median is kept)")
+    ap.add_argument("--repeat", type=int, default=None,
+                    help="plain runs per pair, the median kept (default %d, "
+                         "with --quick 1)" % FULL_REPEAT)
     ap.add_argument("--time-limit", type=float, default=DEFAULT_TIME_LIMIT,
                     help="seconds a measured loop may run")
     ap.add_argument("--json", default=None, help="where to keep the results")
     args = ap.parse_args()
     records = args.records or (QUICK_RECORDS if args.quick else FULL_RECORDS)
+    repeat = args.repeat or (1 if args.quick else FULL_REPEAT)
     data = run_all(args.compare, records,
                    args.contenders.split(",") if args.contenders else None,
                    args.workloads.split(",") if args.workloads else None,
-                   args.repeat, args.time_limit, args.quick)
+                   repeat, args.time_limit, args.quick)
     if args.json:
         with open(args.json, "w") as f:
             json.dump(data, f, indent=1)

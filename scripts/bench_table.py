@@ -471,8 +471,10 @@ def main():
                     help="take the comparison from an earlier run")
     ap.add_argument("--skip-compare", action="store_true",
                     help="leave the comparison out")
-    ap.add_argument("--repeat", type=int, default=1,
-                    help="plain comparison runs per pair (median kept)")
+    ap.add_argument("--repeat", type=int, default=None,
+                    help="plain comparison runs per pair, the median kept "
+                         "(default %d, with --quick 1)"
+                         % bench_compare.FULL_REPEAT)
     ap.add_argument("--time-limit", type=float,
                     default=bench_compare.DEFAULT_TIME_LIMIT,
                     help="seconds one comparison loop may run")
@@ -491,7 +493,9 @@ def main():
             args.compare,
             bench_compare.QUICK_RECORDS if args.quick
             else bench_compare.FULL_RECORDS,
-            repeat=args.repeat, time_limit=args.time_limit, quick=args.quick)
+            repeat=args.repeat or (1 if args.quick
+                                   else bench_compare.FULL_REPEAT),
+            time_limit=args.time_limit, quick=args.quick)
         cmp_path = args.compare_json or os.path.join(
             os.path.dirname(args.compare), "compare_results.json")
         with open(cmp_path, "w") as f:
