@@ -27,6 +27,8 @@ import re
 import subprocess
 import sys
 
+# bench_compare.py sits beside this script; leave no __pycache__ there.
+sys.dont_write_bytecode = True
 sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
 import bench_compare  # noqa: E402
 
