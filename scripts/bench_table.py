@@ -1,14 +1,22 @@
 #!/usr/bin/env python3
-"""Runs qmcache_bench and writes docs/PERFORMANCE.md.
+"""Runs qmcache_bench and qmcache_compare and writes docs/PERFORMANCE.md.
 
-The table compares libqmcache ("qm") with std::map ("map") and a
-hand-written LRU cache ("lru") per workload, key kind and size, and checks
-the performance goals. Benchmark names are
-"<contender>/<workload>/<key kind>/<records>"; a benchmark whose iteration
-does many operations reports "ops_per_iter".
+Two programs feed the report:
+ - qmcache_compare (through scripts/bench_compare.py): libqmcache side by
+   side with RocksDB's LRU cache and HyperClockCache, LevelDB's cache,
+   std::map and a hand-written LRU cache, one process per contender and
+   workload, with the goals measured against RocksDB's LRU cache;
+ - qmcache_bench (Google Benchmark): libqmcache ("qm") against std::map
+   ("map") and the hand-written LRU cache ("lru") per workload, key kind and
+   size, and the cost of one eviction pass and one tree rebuild. Benchmark
+   names are "<contender>/<workload>/<key kind>/<records>"; a benchmark
+   whose iteration does many operations reports "ops_per_iter".
 
-  scripts/bench_table.py [--bench PATH] [--quick] [--json FILE]
-                         [--from-json FILE] [--out FILE]
+  scripts/bench_table.py [--quick] [--bench PATH] [--compare PATH]
+                         [--json FILE] [--from-json FILE]
+                         [--compare-json FILE] [--from-compare-json FILE]
+                         [--skip-compare] [--repeat R] [--note TEXT]
+                         [--out FILE]
 """
 
 import argparse
@@ -18,6 +26,11 @@ import os
 import re
 import subprocess
 import sys
+
+# bench_compare.py sits beside this script; leave no __pycache__ there.
+sys.dont_write_bytecode = True
+sys.path.insert(0, os.path.dirname(os.path.abspath(__file__)))
+import bench_compare  # noqa: E402
 
 ROOT = os.path.dirname(os.path.dirname(os.path.abspath(__file__)))
 # The `bench` preset's build, else a hand-configured one.
@@ -201,6 +214,22 @@ def goals(results, kinds):
     return rows
 
 
+def reclaim_goal_rows(results):
+    """What one eviction pass and one rebuild cost at 10^5 and 10^6."""
+    rows = []
+    for what, stem in (("one eviction pass", "reclaim/eviction_pass"),
+                       ("one key-tree rebuild", "reclaim/rebuild")):
+        for n, label in ((100000, "10^5"), (1000000, "10^6")):
+            name = next((k for k in results
+                         if k.startswith("%s/%d/" % (stem, n)) or
+                         k == "%s/%d" % (stem, n)), None)
+            v = ns_of(results, name) if name else None
+            rows.append("| %s over %s records (`%s`) | %s | reported | - |" % (
+                what, label, name or stem,
+                fmt_ns(v) if v is not None else "not measured in this run"))
+    return rows
+
+
 def ops_table(results, sizes, kinds):
     lines = ["| workload | keys | records | libqmcache | std::map | LRU |"
              " qm/map | qm/lru |", "|---|---|---|---|---|---|---|---|"]
@@ -279,7 +308,57 @@ GOAL_NOTES = [
 ]
 
 
-def write_report(out, context, results, quick):
+COMPARE_METHOD = [
+    "Every contender stores the same 16-byte random keys with 64-byte "
+    "values, on one thread, each workload in a process of its own "
+    "(`qmcache_compare --contender X --workload Y`). A lookup is the round "
+    "trip a host makes: find, copy the 64 value bytes out, release "
+    "(libqmcache: `CA_SEARCH` + `CA_QUERY` + `CA_FREE`; RocksDB and "
+    "LevelDB: `Lookup` + `Value` + `Release`); every hit's value is "
+    "checked against its key, and a run fails unless the hit workload hits "
+    "every key and the miss workload none.",
+    "",
+    "- Throughput, hit ratio, memory and peak records come from a plain run; "
+    "ops/s (CPU) counts the thread's CPU time (time spent descheduled on a "
+    "busy machine excluded), ops/s (wall) the elapsed time. Ratios use the "
+    "CPU time per operation.",
+    "- Latency percentiles come from a second process over fresh state that "
+    "brackets every operation with `rdtsc` (fenced); the timer's own cost, "
+    "about 20 ns, is included.",
+    "- Budgets: libqmcache `maxBytes` = budget records x 64 (0xFFFFFFFF "
+    "where nothing may be evicted); RocksDB and LevelDB capacity = budget "
+    "records x 64 with a charge of 64 per entry and metadata not charged, "
+    "values in a heap block freed by the deleter. In the fill workloads "
+    "(hit, miss, insert) their capacity is 1.25 x N x 64: they split it "
+    "over shards and keys do not spread evenly. The HyperClockCache sizes "
+    "its table from its capacity when it is made, so that table is part of "
+    "its memory figure.",
+    "- libqmcache runs on the real clock: records made in the current second "
+    "are never evicted, so it may hold more than its budget (peak records, "
+    "sampled every 256 operations) and its hit ratio is then not that of "
+    "its budget. Every insert made while it is over budget runs an "
+    "eviction pass.",
+    "- Memory: heap bytes in use (mallinfo2 `uordblks + hblkhd`) after the "
+    "fill minus before the cache was made, per record, less the 80 bytes of "
+    "key and value.",
+    "- std::map looks up through a transparent comparator (no key string "
+    "made); the hand-written LRU's index is keyed by std::string, so each "
+    "of its lookups makes one.",
+]
+
+
+def compare_section(cmp):
+    """The side-by-side part of the report, from bench_compare's results."""
+    text = ["## Side by side with the caches hosts use", ""]
+    if cmp is None:
+        text += ["Not run this time (`--skip-compare`).", ""]
+        return text
+    text += COMPARE_METHOD + [""]
+    text += bench_compare.markdown(cmp)
+    return text
+
+
+def write_report(out, context, results, quick, cmp=None, note=None):
     sizes, kinds = sizes_and_kinds(results)
     model, cpus = machine()
     known = set()
@@ -297,9 +376,10 @@ def write_report(out, context, results, quick):
     text = []
     text.append("# Performance of libqmcache")
     text.append("")
-    text.append("Generated by `scripts/bench_table.py`%s from the benchmark "
-                "executable `qmcache_bench` (Release build, Google "
-                "Benchmark)." % (" --quick" if quick else ""))
+    text.append("Generated by `scripts/bench_table.py`%s from the comparison "
+                "program `qmcache_compare` and the benchmark executable "
+                "`qmcache_bench` (Release build, Google Benchmark)."
+                % (" --quick" if quick else ""))
     text.append("")
     text.append("- Date of the run: %s" % context.get(
         "date", datetime.datetime.now().strftime("%Y-%m-%d %H:%M")))
@@ -309,20 +389,41 @@ def write_report(out, context, results, quick):
     text.append("- Commit: %s" % rev)
     text.append("- Load average during the run: %s" % ", ".join(
         "%.2f" % x for x in context.get("load_avg", [])))
+    if note:
+        text.append("- Note: %s" % note)
     text.append("")
     text.append("Reproduce: `cmake --preset bench && cmake --build --preset "
                 "bench && scripts/bench_table.py` (`--quick` for 10^3 and "
-                "10^5 records only).")
+                "10^5 records in qmcache_bench and N = 10^5 in the "
+                "comparison).")
     text.append("")
-    text.append("Keys: `rand16` are 16 random bytes, `be4` a 32-bit number "
-                "stored most significant byte first; every contender gets "
+    text.append("## Goals against the host caches")
+    text.append("")
+    text.append("Ratios are libqmcache's time per operation over RocksDB "
+                "LRUCache's in the comparison below (above 1: libqmcache is "
+                "slower); the eviction pass and rebuild figures come from "
+                "qmcache_bench's reclaim suite.")
+    text.append("")
+    text.append("| goal | measured | limit | verdict |")
+    text.append("|---|---|---|---|")
+    if cmp is not None:
+        text.extend(bench_compare.goal_rows(cmp))
+    else:
+        text.append(goal_line("comparison with RocksDB, LevelDB",
+                              "not run this time", "-", None))
+    text.extend(reclaim_goal_rows(results))
+    text.append("")
+    text.extend(compare_section(cmp))
+    text.append("In qmcache_bench's tables below, keys: `rand16` are 16 "
+                "random bytes, `be4` a 32-bit number stored most "
+                "significant byte first; every contender gets "
                 "the same keys in the same order and 64-byte values (charged "
                 "as 64 bytes). Times are CPU time of the benchmark thread per "
                 "operation (memory stalls included, time spent descheduled "
                 "excluded). "
                 "Ratios above 1 mean libqmcache is slower.")
     text.append("")
-    text.append("## Goals")
+    text.append("## Goals against std::map (qmcache_bench)")
     text.append("")
     text.append("| goal | measured | limit | verdict |")
     text.append("|---|---|---|---|")
@@ -330,7 +431,7 @@ def write_report(out, context, results, quick):
     text.append("")
     text.extend(GOAL_NOTES)
     text.append("")
-    text.append("## Record operations")
+    text.append("## Record operations (qmcache_bench)")
     text.append("")
     text.append("std::map has no eviction, so it has no mixed-workload "
                 "figure; the mixed workload's clock moves one second every "
@@ -364,9 +465,44 @@ def main():
                     help="where to keep the raw results")
     ap.add_argument("--from-json", default=None,
                     help="build the report from an earlier run")
+    ap.add_argument("--compare", default=bench_compare.DEFAULT_COMPARE,
+                    help="the qmcache_compare executable")
+    ap.add_argument("--compare-json", default=None,
+                    help="where to keep the comparison's results")
+    ap.add_argument("--from-compare-json", default=None,
+                    help="take the comparison from an earlier run")
+    ap.add_argument("--skip-compare", action="store_true",
+                    help="leave the comparison out")
+    ap.add_argument("--repeat", type=int, default=None,
+                    help="plain comparison runs per pair, the median kept "
+                         "(default %d, with --quick 1)"
+                         % bench_compare.FULL_REPEAT)
+    ap.add_argument("--time-limit", type=float,
+                    default=bench_compare.DEFAULT_TIME_LIMIT,
+                    help="seconds one comparison loop may run")
+    ap.add_argument("--note", default=None,
+                    help="a line about the run for the report (a busy "
+                         "machine, say)")
     ap.add_argument("--out", default=os.path.join(ROOT, "docs",
                                                   "PERFORMANCE.md"))
     args = ap.parse_args()
+    cmp = None
+    if args.from_compare_json:
+        with open(args.from_compare_json) as f:
+            cmp = json.load(f)
+    elif not args.skip_compare:
+        cmp = bench_compare.run_all(
+            args.compare,
+            bench_compare.QUICK_RECORDS if args.quick
+            else bench_compare.FULL_RECORDS,
+            repeat=args.repeat or (1 if args.quick
+                                   else bench_compare.FULL_REPEAT),
+            time_limit=args.time_limit, quick=args.quick)
+        cmp_path = args.compare_json or os.path.join(
+            os.path.dirname(args.compare), "compare_results.json")
+        with open(cmp_path, "w") as f:
+            json.dump(cmp, f, indent=1)
+        print("wrote", cmp_path, file=sys.stderr)
     if args.from_json:
         json_path = args.from_json
     else:
@@ -375,9 +511,15 @@ def main():
         run_bench(args.bench, args.quick, json_path)
     context, results = load(json_path)
     os.makedirs(os.path.dirname(os.path.abspath(args.out)), exist_ok=True)
-    write_report(args.out, context, results, args.quick)
+    write_report(args.out, context, results, args.quick, cmp, args.note)
     print("wrote", args.out, file=sys.stderr)
+    if cmp is not None and any(e["status"] in ("failed", "error")
+                               for e in cmp["runs"]):
+        print("some comparison runs failed their checks: see the report",
+              file=sys.stderr)
+        return 1
+    return 0
 
 
 if __name__ == "__main__":
-    main()
+    sys.exit(main())
