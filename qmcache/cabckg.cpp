@@ -94,6 +94,37 @@ void RefreshTiming(CACache* cache) {
 
 }  // namespace
 
+namespace {
+
+// CAFree::InsRecurs; the new nodes come from `arena` when one is given.
+void InsertMedianFirst(BTree** root, BTree** nodes, int lo, int hi,
+                       NodeArena* arena) {
+  // Median first: a batch of 1000 recurses at most ten levels deep.
+  const int mid = lo + (hi - lo) / 2;
+  BTree* source = nodes[mid];
+  if (source != nullptr && source->payload != nullptr) {
+    BTree* made;
+    int existed = 0;  // keys of one tree are unique
+    if (*root == nullptr) {
+      made = arena != nullptr
+                 ? arena->Make(source->key, source->keyLength, nullptr, root)
+                 : new BTree(source->key, source->keyLength, nullptr, root);
+      *root = made;
+    } else if (arena != nullptr) {
+      made = InsertNode(*root, source->key, source->keyLength, &existed, arena);
+    } else {
+      made = (*root)->Insert(source->key, source->keyLength, &existed);
+    }
+    CARecord* record = static_cast<CARecord*>(source->payload);
+    record->node = made;
+    made->payload = record;
+  }
+  if (lo < mid) InsertMedianFirst(root, nodes, lo, mid - 1, arena);
+  if (hi > mid) InsertMedianFirst(root, nodes, mid + 1, hi, arena);
+}
+
+}  // namespace
+
 CAFree::CAFree(int singleThreaded) : clock(), lock1(), lock2() {
   gradCapacity = kGradStep;
   SingleThreaded = singleThreaded;
@@ -130,11 +161,12 @@ CAFree::~CAFree() {
   // lock2, lock1 and clock are destroyed after this body, in that order.
 }
 
-double CAFree::DeleteGrad(BTree* node, unsigned long budget) {
-  if (node == nullptr || node->payload == nullptr) return 0;
-  const CARecord* record = static_cast<const CARecord*>(node->payload);
+namespace {
+
+// A record's deletion grade at `at` under `budget` (DeleteGrad's rule).
+double GradeAt(const CARecord* record, time_t at, unsigned long budget) {
   if (record->flags & CAREC_PINNED) return 0;
-  const long age = static_cast<long>(freeTime - record->created);
+  const long age = static_cast<long>(at - record->created);
   if (record->flags & CAREC_EXPIRES) {
     // Held or not, an expired record goes; before that it is never chosen.
     return record->lifetime <= age ? -1 : 0;
@@ -146,6 +178,19 @@ double CAFree::DeleteGrad(BTree* node, unsigned long budget) {
       static_cast<double>(static_cast<unsigned long>(record->hits) + 1);
   return (static_cast<double>(age + 1) / uses) * static_cast<double>(budget) +
          static_cast<double>(record->length);
+}
+
+}  // namespace
+
+double CAFree::DeleteGrad(BTree* node, unsigned long budget) {
+  if (node == nullptr || node->payload == nullptr) return 0;
+  return GradeAt(static_cast<const CARecord*>(node->payload), freeTime, budget);
+}
+
+void NoteCandidate(CACache* cache, const CARecord* record) {
+  QuietPass& quiet = StateOf(cache)->quietPass;
+  if (quiet.valid && GradeAt(record, quiet.when, quiet.budget) != 0)
+    quiet.valid = false;
 }
 
 void CAFree::QuickSort(int lo, int hi) {
@@ -202,8 +247,16 @@ int CAFree::Compress(CACacheAction* action) {
   deleted = 0;
   freeTime = time(nullptr);
 
+  // A pass in the same second and under the same budget as the cache's
+  // last pass that found no candidate, with nothing noted since that could
+  // have made one (NoteCandidate), would find none either: it skips the
+  // walk. A cache stuck over its budget with records of the current second
+  // runs such a pass for every insert.
+  QuietPass& quiet = StateOf(cache)->quietPass;
+  const bool stillQuiet =
+      quiet.valid && quiet.when == freeTime && quiet.budget == maxBytes;
   BTreeNumerator* walk = nullptr;
-  BTree* node = cache->First(&walk);
+  BTree* node = stillQuiet ? nullptr : cache->First(&walk);
   clock.Start();
   const unsigned long budget = maxBytes;
   unsigned int n = 0;
@@ -216,6 +269,19 @@ int CAFree::Compress(CACacheAction* action) {
     ++n;
   }
   assert(walk == nullptr);
+#ifndef NDEBUG
+  // The walk that was skipped must have found nothing. Checked on every
+  // skip over a small tree, and on every 64th over a large one, so that a
+  // debug build stays usable where skips are the rule.
+  static unsigned long skips = 0;
+  if (stillQuiet && (cache->params.nodes <= 4096 || ++skips % 64 == 0)) {
+    for (node = cache->First(&walk); node != nullptr; node = cache->Next(&walk))
+      assert(DeleteGrad(node, budget) == 0);
+  }
+#endif
+  quiet.valid = n == 0;
+  quiet.when = freeTime;
+  quiet.budget = maxBytes;
   if (trace) trace->Write("CACACHE Found %u record avaiable to delete", n);
 
   if (n >= 2) QuickSort(0, static_cast<int>(n) - 1);
@@ -262,10 +328,12 @@ void CAFree::RebuildTree(CACacheAction* action) {
   int count = 0;
   // The index follows the new tree: it is refilled batch by batch, and no
   // key is looked up until the new tree is in place.
-  KeyIndex& index = StateOf(cache)->index;
+  CacheState* state = StateOf(cache);
+  KeyIndex& index = state->index;
   index.Reset(cache->params.usedNodes);
+  NodeArena fresh;  // the new tree's nodes
   auto flush = [&] {
-    InsRecurs(&root, batch, 0, count - 1);
+    InsertMedianFirst(&root, batch, 0, count - 1, &fresh);
     for (int i = 0; i < count; i++)
       index.Add(static_cast<CARecord*>(batch[i]->payload)->node);
     total += count;
@@ -280,37 +348,20 @@ void CAFree::RebuildTree(CACacheAction* action) {
   }
   if (count > 0) flush();
 
-  BTree* old = cache->tree;
   cache->tree = root;
   if (root != nullptr) root->parentLink = &cache->tree;
   cache->params.nodes = total;
   cache->params.usedNodes = total;
-  // Frees the old nodes and key copies; the records now hang off the new
-  // nodes and are left alone.
-  delete old;
+  // The old nodes and their key copies go all at once with their arena;
+  // the records now hang off the new nodes and are left alone.
+  state->nodes.Swap(fresh);
+  fresh.Release();
 
   RecordPass(cache, kRebuildSlot, clock.Stop());
 }
 
 void CAFree::InsRecurs(BTree** root, BTree** nodes, int lo, int hi) {
-  // Median first: a batch of 1000 recurses at most ten levels deep.
-  const int mid = lo + (hi - lo) / 2;
-  BTree* source = nodes[mid];
-  if (source != nullptr && source->payload != nullptr) {
-    BTree* made;
-    if (*root == nullptr) {
-      made = new BTree(source->key, source->keyLength, nullptr, root);
-      *root = made;
-    } else {
-      int existed = 0;  // keys of one tree are unique
-      made = (*root)->Insert(source->key, source->keyLength, &existed);
-    }
-    CARecord* record = static_cast<CARecord*>(source->payload);
-    record->node = made;
-    made->payload = record;
-  }
-  if (lo < mid) InsRecurs(root, nodes, lo, mid - 1);
-  if (hi > mid) InsRecurs(root, nodes, mid + 1, hi);
+  InsertMedianFirst(root, nodes, lo, hi, nullptr);
 }
 
 void CAFree::TriggerFree(CACache* cache) {

@@ -204,8 +204,10 @@ CACache::~CACache() {
     if (record == nullptr) continue;
     record->Unlink(nullptr);  // a held record survives, detached
   }
-  delete tree;
+  // The nodes go all at once with their arena.
   tree = nullptr;
+  StateOf(this)->nodes.Release();
+  StateOf(this)->index.Reset(0);
   // Held records outlive the cache: they forget it, so that their last
   // release does not update this cache's byte count.
   OrphanDetachedRecords(this);
@@ -333,6 +335,7 @@ void CACacheAction::Close() {
   if (cache != nullptr) {
     cache->params.maxBytes = 0;
     if (cache->tree != nullptr) cache->tree->ClearAttr();
+    StateOf(cache)->quietPass.valid = false;  // pinned records may go now
   }
   delete this;
 }
@@ -349,14 +352,15 @@ BTree* NodeForKey(CACache* c, unsigned char* key, unsigned long keyLength,
   BTree* node = FindNode(c, key, keyLength);
   *existed = node != nullptr;
   if (node != nullptr) return node;
+  CacheState* state = StateOf(c);
   if (c->tree == nullptr) {
-    node = new BTree(key, keyLength, nullptr, &c->tree);
+    node = state->nodes.Make(key, keyLength, nullptr, &c->tree);
     c->tree = node;
   } else {
-    node = c->tree->Insert(key, keyLength, existed);
+    node = InsertNode(c->tree, key, keyLength, existed, &state->nodes);
     assert(*existed == 0);
   }
-  StateOf(c)->index.Add(node);
+  state->index.Add(node);
   return node;
 }
 
@@ -413,6 +417,7 @@ int CACacheAction::Insert(int tag, int flags, long lifetime,
     return result;
   }
   node->payload = record;
+  NoteCandidate(c, record);
   // Charged before the deferred trigger fires, so that no pass meets an
   // uncharged record. A charge that crosses the budget runs a whole pass
   // (eviction, then rebuild), which also serves the deferred trigger: it is

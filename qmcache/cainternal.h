@@ -3,9 +3,12 @@
 #ifndef QMCACHE_CAINTERNAL_H
 #define QMCACHE_CAINTERNAL_H
 
+#include <time.h>
+
 #include <unordered_set>
 
 #include "keyindex.h"
+#include "nodearena.h"
 #include "qmcache/qmcache.hpp"
 
 // The node after `n` in a pre-order walk (node, left subtree, right
@@ -34,13 +37,34 @@ inline BTree* PreorderNext(BTree* n, const BTree* top) {
 // layout of CACache stays as it is and every cache has a state, however it
 // was constructed. Everything in it is touched only by calls on that cache,
 // which the host serialises, so none of it needs a lock.
+// The cache's last eviction pass, when it found no candidate: a pass in the
+// same second under the same budget finds none either, as long as `valid`
+// stays set. Whatever could make a record a candidate clears it: a record
+// stored or released (NoteCandidate tells), a handle closed.
+struct QuietPass {
+  bool valid = false;
+  time_t when = 0;
+  unsigned int budget = 0;
+};
+
 struct CacheState {
   // Records that left the tree while held and are still alive. A destroyed
   // cache clears their `cache`, so their last release touches no dead cache.
   std::unordered_set<CARecord*> detachedHeld;
   // Every node of the record tree by its key.
   KeyIndex index;
+  // The record tree's nodes.
+  NodeArena nodes;
+  QuietPass quietPass;
 };
+
+// Clears the cache's quiet pass if `record` (just stored or released) would
+// be a candidate of it.
+void NoteCandidate(CACache* cache, const CARecord* record);
+
+// BTree::Insert for a record tree: a new node comes from `arena`.
+BTree* InsertNode(BTree* root, unsigned char* key, unsigned long keyLength,
+                  int* existed, NodeArena* arena);
 
 // The node with exactly this key in the cache's record tree (empty nodes
 // included), or null. Found through the index; a debug build checks it

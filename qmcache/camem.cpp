@@ -123,6 +123,9 @@ void CARecord::Erase(CACacheAction* action) {
 
 void CARecord::Free() {
   if (refCount > 0) refCount--;
-  if (node != nullptr) return;
+  if (node != nullptr) {
+    if (cache != nullptr) NoteCandidate(cache, this);  // perhaps no longer held
+    return;
+  }
   if (refCount == 0) Destroy(this, true);
 }

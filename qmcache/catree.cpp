@@ -17,9 +17,11 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
+#include <sys/mman.h>
 
 #include <cassert>
 #include <new>
+#include <utility>
 #include <vector>
 
 #include "cainternal.h"
@@ -247,12 +249,21 @@ BTree* BTree::Search(unsigned char* key, unsigned long keyLength) {
   return nullptr;
 }
 
-BTree* BTree::Insert(unsigned char* key, unsigned long keyLength,
-                     int* existed) {
-  BTree* n = this;
+namespace {
+
+// BTree::Insert, with the new node made by `make(key, keyLength, parent,
+// parentLink)`.
+template <class Make>
+BTree* InsertWith(BTree* n, unsigned char* key, unsigned long keyLength,
+                  int* existed, Make make) {
   for (;;) {
-    __builtin_prefetch(n->left);
-    __builtin_prefetch(n->right);
+    // Both children (and the key behind a node that keeps it there) are
+    // fetched while this key is compared: a descent in a large tree is
+    // bound by the memory latency of each level.
+    for (BTree* child : {n->left, n->right}) {
+      __builtin_prefetch(child);
+      __builtin_prefetch(reinterpret_cast<char*>(child) + 64);
+    }
     int c = KeyOrder(n->key, n->keyLength, key, keyLength);
     if (c == 0) {
       *existed = 1;
@@ -264,11 +275,101 @@ BTree* BTree::Insert(unsigned char* key, unsigned long keyLength,
       continue;
     }
     *existed = 0;
-    BTree* node = new BTree(key, keyLength, n, link);
+    BTree* node = make(key, keyLength, n, link);
     *link = node;
     node->ReOrg();
     return node;
   }
+}
+
+}  // namespace
+
+BTree* BTree::Insert(unsigned char* key, unsigned long keyLength,
+                     int* existed) {
+  return InsertWith(this, key, keyLength, existed,
+                    [](unsigned char* k, unsigned long n, BTree* parent,
+                       BTree** link) { return new BTree(k, n, parent, link); });
+}
+
+BTree* InsertNode(BTree* root, unsigned char* key, unsigned long keyLength,
+                  int* existed, NodeArena* arena) {
+  return InsertWith(
+      root, key, keyLength, existed,
+      [arena](unsigned char* k, unsigned long n, BTree* parent, BTree** link) {
+        return arena->Make(k, n, parent, link);
+      });
+}
+
+// ==== Nodes of the library's record trees ===================================
+
+BTree::BTree(KeyBehind, unsigned char* key, unsigned long keyLength,
+             BTree* parent, BTree** parentLink) {
+  memcpy(magic, "%%BT", sizeof(magic));
+  this->keyLength = keyLength;
+  serial = cnt++;
+  payload = nullptr;
+  this->key = reinterpret_cast<unsigned char*>(this + 1);
+  if (keyLength != 0) memcpy(this->key, key, keyLength);
+  this->parent = parent;
+  this->parentLink = parentLink;
+  left = nullptr;
+  right = nullptr;
+  leftHeight = 0;
+  rightHeight = 0;
+}
+
+namespace {
+// Chunks double up to the size of a huge page. The large ones are aligned to
+// it and offered to the kernel as huge pages: a descent through a big tree
+// then misses the TLB far less often.
+constexpr size_t kLargestChunk = 2 << 20;
+
+void* NewChunk(size_t size) {
+  if (size < kLargestChunk) return malloc(size);
+  void* chunk = aligned_alloc(kLargestChunk, size);
+  if (chunk != nullptr) madvise(chunk, size, MADV_HUGEPAGE);
+  return chunk;
+}
+size_t RoundUp8(size_t n) { return (n + 7) & ~size_t{7}; }
+}  // namespace
+
+BTree* NodeArena::Make(unsigned char* key, unsigned long keyLength,
+                       BTree* parent, BTree** parentLink) {
+  const size_t block = RoundUp8(sizeof(BTree) + keyLength);
+  if (block > left_) {
+    const size_t head = RoundUp8(sizeof(Chunk));
+    size_t size = nextChunk_;
+    while (size < head + block) size *= 2;
+    auto* chunk = static_cast<Chunk*>(NewChunk(size));
+    if (chunk == nullptr) throw std::bad_alloc();
+    chunk->next = chunks_;
+    chunks_ = chunk;
+    free_ = reinterpret_cast<unsigned char*>(chunk) + head;
+    left_ = size - head;
+    if (nextChunk_ < kLargestChunk) nextChunk_ *= 2;
+  }
+  void* at = free_;
+  free_ += block;
+  left_ -= block;
+  return new (at) BTree(BTree::KeyBehind(), key, keyLength, parent, parentLink);
+}
+
+void NodeArena::Release() {
+  while (chunks_ != nullptr) {
+    Chunk* next = chunks_->next;
+    free(chunks_);
+    chunks_ = next;
+  }
+  free_ = nullptr;
+  left_ = 0;
+  nextChunk_ = 4096;
+}
+
+void NodeArena::Swap(NodeArena& other) {
+  std::swap(chunks_, other.chunks_);
+  std::swap(free_, other.free_);
+  std::swap(left_, other.left_);
+  std::swap(nextChunk_, other.nextChunk_);
 }
 
 // Climbs from a newly linked node while the subtree it is in grows, and

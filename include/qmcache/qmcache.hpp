@@ -164,6 +164,15 @@ class QMCACHE_API BTree {
 
   // Nodes ever constructed, in all trees.
   static unsigned int cnt;
+
+ private:
+  // The library's own record trees keep each node's key copy in the node's
+  // own heap block, right behind it; this constructor makes such a node.
+  friend class NodeArena;
+  struct KeyBehind {};
+  __attribute__((visibility("hidden")))
+  BTree(KeyBehind, unsigned char* key, unsigned long keyLength, BTree* parent,
+        BTree** parentLink);
 };
 
 // A stackless in-order walk of a key tree, ascending or (reverse != 0)
