@@ -408,11 +408,11 @@ int CACacheAction::Insert(int tag, int flags, long lifetime,
     c->params.nodes += 1;
   }
   CARecord* record =
-      new CARecord(size, length, data, node, c, tag, flags, lifetime);
+      NewRecord(size, length, data, node, c, tag, flags, lifetime);
   if (!record->valid) {
     // Dropped: the node stays empty, its count stays raised and nothing is
     // recorded. The callback (if asked for) sees the dropped record.
-    delete record;
+    DeleteRecord(record);
     if (due) TriggerWithClock(c, this);
     return result;
   }
@@ -438,6 +438,14 @@ CARecord* CACacheAction::Search(long maxAge, unsigned long keyLength,
   CARecord* record = nullptr;
   BTree* node = FindNode(cache, static_cast<unsigned char*>(key), keyLength);
   if (node != nullptr) record = static_cast<CARecord*>(node->payload);
+  if (record != nullptr) {
+    // A hit is usually followed by a query and a read of the data, which
+    // lies behind the record: its first lines are fetched all at once.
+    const char* lines = reinterpret_cast<const char*>(record);
+    __builtin_prefetch(lines);
+    __builtin_prefetch(lines + 64);
+    __builtin_prefetch(lines + 128);
+  }
   if (record != nullptr && maxAge != 0) {
     // The age is signed: a record made after the clock stepped back is
     // younger than 0 seconds, and a limit above that age still finds it.

@@ -83,6 +83,14 @@ CACacheAction** GrowActionTable(CACacheAction** table, int oldSlots, int slots);
 // Frees the table and its state.
 void FreeActionTable(CACacheAction** table);
 
+// A record for a cache: its data lies behind it in the same heap block when
+// such a block can be had. Every record the library makes comes from here,
+// and goes with DeleteRecord.
+CARecord* NewRecord(unsigned long size, unsigned long length, void* data,
+                    BTree* node, CACache* cache, int tag, int flags,
+                    long lifetime);
+void DeleteRecord(CARecord* record);
+
 // The count of CACache::FreeNode: lowers `usedNodes` and tells whether the
 // free-node trigger is due, without firing it.
 bool CountFreeNode(CACache* cache);

@@ -20,6 +20,8 @@
 #include <string.h>
 #include <time.h>
 
+#include <new>
+
 #include "cainternal.h"
 #include "qmcache/qmcache.hpp"
 
@@ -40,7 +42,7 @@ void Destroy(CARecord* record, bool wasDetachedHeld) {
     cache->params.allocated -= (unsigned int)record->length;
     if (wasDetachedHeld) StateOf(cache)->detachedHeld.erase(record);
   }
-  delete record;
+  DeleteRecord(record);
 }
 
 }  // namespace
@@ -51,36 +53,84 @@ void OrphanDetachedRecords(CACache* cache) {
   state->detachedHeld.clear();
 }
 
+namespace {
+
+unsigned char* BlockBehind(CARecord* record) {
+  return reinterpret_cast<unsigned char*>(record + 1);
+}
+
+// The constructors' work once the buffer exists.
+void Fill(CARecord* r, unsigned long size, unsigned long length, void* data,
+          BTree* node, CACache* cache, int tag, int flags, long lifetime) {
+  r->created = time(nullptr);
+  r->length = length;
+  r->hits = 1;
+  r->tag = tag;
+  r->node = node;
+  r->flags = flags;
+  r->cache = cache;
+  r->lifetime = lifetime;
+  // The buffer holds size + 1 bytes. For the largest size that count wraps;
+  // CAMem then allocates nothing, and the record is not valid either way:
+  // never a tiny block with a huge copy.
+  void* block = r->get();
+  if (size != 0 && size + 1 != 0 && block != nullptr) {
+    r->valid = 1;
+    memmove(block, data, size);
+  } else {
+    r->valid = 0;
+  }
+  r->release();
+  r->refCount = 0;
+}
+
+// Data blocks up to this size share the record's heap block.
+constexpr unsigned long kLargestBlockBehind = 1UL << 40;
+
+}  // namespace
+
 CARecord::CARecord(unsigned long size, unsigned long length, void* data,
                    BTree* node, CACache* cache, int tag, int flags,
                    long lifetime)
     : CAMem(size) {
-  created = time(nullptr);
-  this->length = length;
-  hits = 1;
-  this->tag = tag;
-  this->node = node;
-  this->flags = flags;
-  this->cache = cache;
-  this->lifetime = lifetime;
-  // The buffer holds size + 1 bytes. For the largest size that count wraps;
-  // CAMem then allocates nothing, and the record is not valid either way:
-  // never a tiny block with a huge copy.
-  void* block = get();
-  if (size != 0 && size + 1 != 0 && block != nullptr) {
-    valid = 1;
-    memmove(block, data, size);
-  } else {
-    valid = 0;
+  Fill(this, size, length, data, node, cache, tag, flags, lifetime);
+}
+
+CARecord::CARecord(BlockGiven, unsigned long size, unsigned long length,
+                   void* data, BTree* node, CACache* cache, int tag, int flags,
+                   long lifetime)
+    : CAMem(BlockGiven(), size, BlockBehind(this)) {
+  Fill(this, size, length, data, node, cache, tag, flags, lifetime);
+}
+
+CARecord* NewRecord(unsigned long size, unsigned long length, void* data,
+                    BTree* node, CACache* cache, int tag, int flags,
+                    long lifetime) {
+  // One heap block for the record and its data: one allocation instead of
+  // two, and the data on the cache lines that follow the record's fields.
+  if (size < kLargestBlockBehind) {
+    void* block = ::operator new(sizeof(CARecord) + size + 1, std::nothrow);
+    if (block != nullptr) {
+      return new (block) CARecord(CARecord::BlockGiven(), size, length, data,
+                                  node, cache, tag, flags, lifetime);
+    }
   }
-  release();
-  refCount = 0;
+  // No such block: the data gets a block of its own, or none (the record is
+  // then not valid).
+  return new CARecord(size, length, data, node, cache, tag, flags, lifetime);
+}
+
+void DeleteRecord(CARecord* record) {
+  record->~CARecord();
+  ::operator delete(record);
 }
 
 CARecord::~CARecord() {
   // The callback sees the block before CAMem's destructor frees it.
   if ((flags & CAREC_CALLBACK) != 0 && free_handle != nullptr)
     free_handle(flags, size, data);
+  // Data behind the record goes with the record's own block.
+  if (data == BlockBehind(this)) data = nullptr;
 }
 
 namespace {

@@ -101,6 +101,14 @@ CAMem::CAMem(unsigned long size) {
                            : static_cast<unsigned char*>(malloc(size + 1));
 }
 
+CAMem::CAMem(BlockGiven, unsigned long size, unsigned char* block) {
+  memcpy(magic, kMemMagic, sizeof(magic));
+  external = 0;
+  this->size = size;
+  state = 0;
+  data = block;
+}
+
 CAMem::~CAMem() { free(data); }
 
 void* CAMem::get() { return data; }
@@ -112,7 +120,17 @@ int CAMem::realloc(unsigned long newSize) {
   int result = state == 0 ? 1 : 0;
   if (external != 0 || data == nullptr) return result;
   if (newSize >= kMaxBlock) return -1;  // no block can be that large
-  void* grown = ::realloc(data, newSize + 1);
+  // A record made by the library keeps its data behind it, in its own heap
+  // block: growing it moves the data to a block of its own. (A host's own
+  // buffer has its block elsewhere: a separate heap block never starts
+  // right behind the record-sized object it belongs to.)
+  void* grown;
+  if (data == reinterpret_cast<unsigned char*>(this) + sizeof(CARecord)) {
+    grown = malloc(newSize + 1);
+    if (grown != nullptr) memcpy(grown, data, size);
+  } else {
+    grown = ::realloc(data, newSize + 1);
+  }
   if (grown == nullptr) return -1;
   data = static_cast<unsigned char*>(grown);
   size = newSize;

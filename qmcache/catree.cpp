@@ -17,7 +17,6 @@
 #include <stdio.h>
 #include <stdlib.h>
 #include <string.h>
-#include <sys/mman.h>
 
 #include <cassert>
 #include <new>
@@ -319,17 +318,8 @@ BTree::BTree(KeyBehind, unsigned char* key, unsigned long keyLength,
 }
 
 namespace {
-// Chunks double up to the size of a huge page. The large ones are aligned to
-// it and offered to the kernel as huge pages: a descent through a big tree
-// then misses the TLB far less often.
-constexpr size_t kLargestChunk = 2 << 20;
-
-void* NewChunk(size_t size) {
-  if (size < kLargestChunk) return malloc(size);
-  void* chunk = aligned_alloc(kLargestChunk, size);
-  if (chunk != nullptr) madvise(chunk, size, MADV_HUGEPAGE);
-  return chunk;
-}
+// Chunks double up to this size.
+constexpr size_t kLargestChunk = 1 << 20;
 size_t RoundUp8(size_t n) { return (n + 7) & ~size_t{7}; }
 }  // namespace
 
@@ -340,7 +330,7 @@ BTree* NodeArena::Make(unsigned char* key, unsigned long keyLength,
     const size_t head = RoundUp8(sizeof(Chunk));
     size_t size = nextChunk_;
     while (size < head + block) size *= 2;
-    auto* chunk = static_cast<Chunk*>(NewChunk(size));
+    auto* chunk = static_cast<Chunk*>(malloc(size));
     if (chunk == nullptr) throw std::bad_alloc();
     chunk->next = chunks_;
     chunks_ = chunk;

@@ -212,6 +212,12 @@ class QMCACHE_API CAMem {
   unsigned long external;
   int state;
   unsigned char* data;
+
+ protected:
+  // A buffer whose block the caller provides (see CARecord).
+  struct BlockGiven {};
+  __attribute__((visibility("hidden")))
+  CAMem(BlockGiven, unsigned long size, unsigned char* block);
 };
 
 // A cached record: its data buffer and bookkeeping. The host's record
@@ -240,6 +246,15 @@ class QMCACHE_API CARecord : public CAMem {
   unsigned char valid;
 
   static CACritical recordHnd;
+
+ private:
+  // The records that the library stores keep their data in the record's own
+  // heap block, right behind it; this constructor makes such a record.
+  friend CARecord* NewRecord(unsigned long, unsigned long, void*, BTree*,
+                             CACache*, int, int, long);
+  __attribute__((visibility("hidden")))
+  CARecord(BlockGiven, unsigned long size, unsigned long length, void* data,
+           BTree* node, CACache* cache, int tag, int flags, long lifetime);
 };
 
 // ---- Caches and handles ----------------------------------------------------
