@@ -36,6 +36,7 @@
 
 #include <cassert>
 #include <utility>
+#include <vector>
 
 #include "cainternal.h"
 #include "qmcache/qmcache.hpp"
@@ -55,7 +56,7 @@ constexpr int kRebuildSlot = 7;
 // A tree with more free nodes than this is rebuilt.
 constexpr unsigned int kMaxFreeNodes = 20000;
 // Nodes collected before they are inserted into the new tree.
-constexpr int kBatchSize = 1000;
+constexpr int kBatchSize = static_cast<int>(KeyIndex::kBatch);
 // The grade arrays grow by this many entries.
 constexpr unsigned int kGradStep = 100;
 
@@ -63,6 +64,35 @@ constexpr unsigned int kGradStep = 100;
 constexpr double kForcedGrade = 1e10;
 // Once the byte target is met, candidates graded at least this still go.
 constexpr double kAlwaysGrade = 1e9;
+
+// How many nodes ahead of its grading (or erasing) a record is fetched.
+constexpr unsigned int kGradeAhead = 8;
+
+// Fetches the fields of a record that grading and erasing read.
+inline void PrefetchRecord(const void* payload) {
+  if (payload == nullptr) return;
+  const CARecord* record = static_cast<const CARecord*>(payload);
+  __builtin_prefetch(&record->length);
+  __builtin_prefetch(&record->valid);
+}
+
+// The way back of the controller's walks, kept from walk to walk (passes
+// and rebuilds never overlap).
+std::vector<BTree*>& WalkStack() {
+  static std::vector<BTree*> stack;
+  return stack;
+}
+
+#ifndef NDEBUG
+// The walk of passes and rebuilds visits the nodes in the numerator's order.
+void CheckWalkOrder(CACache* cache) {
+  std::vector<BTree*> walked, stack;
+  WalkInOrder(cache->tree, stack, [&](BTree* node) { walked.push_back(node); });
+  BTreeNumerator numerator(cache->tree, 0);
+  for (BTree* node : walked) assert(numerator.Next() == node);
+  assert(numerator.Next() == nullptr);
+}
+#endif
 
 // Grows both grade arrays by one step. Returns false, keeping the current
 // capacity, when the memory cannot be had.
@@ -255,28 +285,46 @@ int CAFree::Compress(CACacheAction* action) {
   QuietPass& quiet = StateOf(cache)->quietPass;
   const bool stillQuiet =
       quiet.valid && quiet.when == freeTime && quiet.budget == maxBytes;
-  BTreeNumerator* walk = nullptr;
-  BTree* node = stillQuiet ? nullptr : cache->First(&walk);
   clock.Start();
   const unsigned long budget = maxBytes;
   unsigned int n = 0;
-  for (; node != nullptr; node = cache->Next(&walk)) {
-    const double grade = DeleteGrad(node, budget);
-    if (grade == 0) continue;
-    if (n == gradCapacity && !GrowGrades(this)) continue;
+  auto collect = [&](BTree* graded) {
+    const double grade = DeleteGrad(graded, budget);
+    if (grade == 0) return;
+    if (n == gradCapacity && !GrowGrades(this)) return;
     grades[n] = grade < 0 ? kForcedGrade : grade;
-    candidates[n] = node;
+    candidates[n] = graded;
     ++n;
+  };
+  // Grading reads every record; each is fetched while the walk goes on,
+  // and graded a few nodes later, still in the walk's order.
+  BTree* ring[kGradeAhead];
+  unsigned int walked = 0;
+  if (!stillQuiet) {
+    WalkInOrder(cache->tree, WalkStack(), [&](BTree* node) {
+      PrefetchRecord(node->payload);
+      if (walked >= kGradeAhead) collect(ring[walked % kGradeAhead]);
+      ring[walked++ % kGradeAhead] = node;
+    });
   }
-  assert(walk == nullptr);
+  for (unsigned int k = walked > kGradeAhead ? walked - kGradeAhead : 0;
+       k < walked; ++k) {
+    collect(ring[k % kGradeAhead]);
+  }
 #ifndef NDEBUG
-  // The walk that was skipped must have found nothing. Checked on every
-  // skip over a small tree, and on every 64th over a large one, so that a
-  // debug build stays usable where skips are the rule.
-  static unsigned long skips = 0;
-  if (stillQuiet && (cache->params.nodes <= 4096 || ++skips % 64 == 0)) {
-    for (node = cache->First(&walk); node != nullptr; node = cache->Next(&walk))
+  // The walk is the numerator's, and one that was skipped would have found
+  // nothing. Checked on every pass over a small tree, and on every 64th over
+  // a large one, so that a debug build stays usable where skips are the
+  // rule.
+  static unsigned long passes = 0;
+  if (cache->params.nodes <= 4096 || ++passes % 64 == 0) {
+    CheckWalkOrder(cache);
+    BTreeNumerator* walk = nullptr;
+    for (BTree* node = cache->First(&walk); stillQuiet && node != nullptr;
+         node = cache->Next(&walk)) {
       assert(DeleteGrad(node, budget) == 0);
+    }
+    delete walk;
   }
 #endif
   quiet.valid = n == 0;
@@ -290,6 +338,11 @@ int CAFree::Compress(CACacheAction* action) {
   unsigned int i = 0;
   for (; i < n; ++i) {
     if (remaining <= 0 && grades[i] < kAlwaysGrade) break;
+    // The candidates' nodes and records lie anywhere: fetch them ahead.
+    if (i + 2 * kGradeAhead < n)
+      __builtin_prefetch(&candidates[i + 2 * kGradeAhead]->payload);
+    if (i + kGradeAhead < n)
+      PrefetchRecord(candidates[i + kGradeAhead]->payload);
     CARecord* record = static_cast<CARecord*>(candidates[i]->payload);
     if (record == nullptr) continue;
     const unsigned long length = record->length;
@@ -332,20 +385,25 @@ void CAFree::RebuildTree(CACacheAction* action) {
   KeyIndex& index = state->index;
   index.Reset(cache->params.usedNodes);
   NodeArena fresh;  // the new tree's nodes
+  BTree* made[kBatchSize];
   auto flush = [&] {
     InsertMedianFirst(&root, batch, 0, count - 1, &fresh);
     for (int i = 0; i < count; i++)
-      index.Add(static_cast<CARecord*>(batch[i]->payload)->node);
+      made[i] = static_cast<CARecord*>(batch[i]->payload)->node;
+    index.AddAll(made, count);
     total += count;
     count = 0;
   };
-  BTreeNumerator* walk = nullptr;
-  for (BTree* node = cache->First(&walk); node != nullptr;
-       node = cache->Next(&walk)) {
-    if (node->payload == nullptr) continue;
+#ifndef NDEBUG
+  CheckWalkOrder(cache);
+#endif
+  WalkInOrder(cache->tree, WalkStack(), [&](BTree* node) {
+    if (node->payload == nullptr) return;
+    // Each record learns its new node: fetch it while the walk goes on.
+    __builtin_prefetch(&static_cast<CARecord*>(node->payload)->node, 1);
     batch[count++] = node;
     if (count == kBatchSize) flush();
-  }
+  });
   if (count > 0) flush();
 
   cache->tree = root;

@@ -6,6 +6,7 @@
 #include <time.h>
 
 #include <unordered_set>
+#include <vector>
 
 #include "keyindex.h"
 #include "nodearena.h"
@@ -98,6 +99,29 @@ bool CountFreeNode(CACache* cache);
 // CARecord::Unlink for a replacement: the free-node trigger is not fired but
 // noted in `due`, for the insert to fire once its new record is in place.
 void UnlinkDeferringTrigger(CARecord* record, bool* due);
+
+// Calls `visit(node)` for every node of the tree below `root` in ascending
+// order, the sequence of a BTreeNumerator. The walk keeps the way back on
+// `stack` instead of climbing parent links, so it reads every node once, and
+// it fetches each node's right child as soon as it passes the node, long
+// before it gets there. `visit` must not change the tree's shape.
+template <class Visit>
+void WalkInOrder(BTree* root, std::vector<BTree*>& stack, Visit visit) {
+  stack.clear();
+  BTree* n = root;
+  for (;;) {
+    while (n != nullptr) {
+      __builtin_prefetch(n->right);
+      stack.push_back(n);
+      n = n->left;
+    }
+    if (stack.empty()) return;
+    n = stack.back();
+    stack.pop_back();
+    visit(n);
+    n = n->right;
+  }
+}
 
 // Called by a cache's destructor once its tree is gone: every record of the
 // cache that left its tree while held, and is still alive, forgets the cache,

@@ -61,6 +61,22 @@ class KeyIndex {
     count_++;
   }
 
+  // Adds `n` nodes (at most kBatch) whose keys the index does not hold yet:
+  // their slots are fetched together before any is filled.
+  static constexpr size_t kBatch = 1000;
+  void AddAll(BTree* const* nodes, size_t n) {
+    for (size_t i = 0; i < n; i++) usable_ &= !(Address(nodes[i]) & kTagMask);
+    if (!usable_ || n == 0) return;
+    if ((count_ + n) * 10 > Capacity() * 7) Grow(count_ + n);
+    uint64_t hashes[kBatch];
+    for (size_t i = 0; i < n; i++) {
+      hashes[i] = Hash(nodes[i]->key, nodes[i]->keyLength);
+      __builtin_prefetch(&slots_[hashes[i] & mask_], 1);
+    }
+    for (size_t i = 0; i < n; i++) Place(nodes[i], hashes[i]);
+    count_ += n;
+  }
+
   // Forgets every node, keeping room for `expected` of them.
   void Reset(size_t expected) {
     count_ = 0;
@@ -80,6 +96,9 @@ class KeyIndex {
  private:
   static constexpr uint64_t kTagMask = 0xFFFF000000000000ULL;
 
+  static uintptr_t Address(const BTree* node) {
+    return reinterpret_cast<uintptr_t>(node);
+  }
   static BTree* NodeIn(uint64_t slot) {
     return reinterpret_cast<BTree*>(static_cast<uintptr_t>(slot & ~kTagMask));
   }
