@@ -40,8 +40,7 @@ class KeyIndex {
       if (slot == 0) return nullptr;
       if ((slot & kTagMask) == tag) {
         BTree* node = NodeIn(slot);
-        if (node->keyLength == keyLength &&
-            (keyLength == 0 || memcmp(node->key, key, keyLength) == 0))
+        if (node->keyLength == keyLength && SameBytes(node->key, key, keyLength))
           return node;
       }
     }
@@ -112,6 +111,20 @@ class KeyIndex {
     uint32_t v;
     memcpy(&v, p, 4);
     return v;
+  }
+  // memcmp(a, b, n) == 0, without a call for keys of up to 16 bytes.
+  static bool SameBytes(const unsigned char* a, const unsigned char* b,
+                        unsigned long n) {
+    if (n > 16) return memcmp(a, b, n) == 0;
+    if (n >= 8)
+      return ((Load64(a) ^ Load64(b)) |
+              (Load64(a + n - 8) ^ Load64(b + n - 8))) == 0;
+    if (n >= 4)
+      return ((Load32(a) ^ Load32(b)) |
+              (Load32(a + n - 4) ^ Load32(b + n - 4))) == 0;
+    for (unsigned long i = 0; i < n; i++)
+      if (a[i] != b[i]) return false;
+    return true;
   }
   static uint64_t Mix(uint64_t a, uint64_t b) {
     const __uint128_t r = static_cast<__uint128_t>(a) * b;
