@@ -1,16 +1,12 @@
 // The structure check: its verdict and the report of the first fault, read
 // back from the trace service. Each case damages one field and repairs it.
-#include <gtest/gtest.h>
 #include <stdint.h>
-#include <stdio.h>
 #include <string.h>
 
 #include <functional>
-#include <string>
-#include <vector>
 
-#include "qmcache/qmcache.hpp"
 #include "qmcache/ybtrace.h"
+#include "support.h"
 
 namespace {
 
@@ -24,10 +20,6 @@ std::string T(const char* format, Args... args) {
 // A dump entry as the log shows it: its label and its size.
 std::string D(const char* label, size_t size) {
   return std::string(label) + "#" + std::to_string(size) + "\n";
-}
-
-std::string Key4(unsigned v) {
-  return {char(v >> 24), char(v >> 16), char(v >> 8), char(v)};
 }
 
 // A damage to one field, and its repair.
@@ -89,7 +81,7 @@ class StructureCheck : public testing::Test {
 TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {
   CACache* c = Open("c");
   CACache* o = Open("o");
-  for (unsigned i = 0; i < 7; ++i) Put(c, Key4(i));
+  for (unsigned i = 0; i < 7; ++i) Put(c, Key(i));
   CACacheAction* a = (CACacheAction*)CA_CREATE("c", nullptr);  // slot 1
   EXPECT_EQ(0, Check());
   EXPECT_EQ("", log);
@@ -232,7 +224,7 @@ TEST_F(StructureCheck, BoundsOfNamesKeysAndHeights) {
   for (unsigned n : {2001u, 2002u}) {
     CACache* chain = Open("chain" + std::to_string(n));
     for (unsigned i = 0; i < n; ++i)
-      Put(chain, Key4(i % 2 ? n - 1 - i / 2 : i / 2));
+      Put(chain, Key(i % 2 ? n - 1 - i / 2 : i / 2));
     EXPECT_EQ(n == 2001 ? 0 : 1, Check());
     EXPECT_EQ(n == 2002, log.find(T("invalid BTree structure - address: %p\n",
                                     (void*)chain->tree)) != std::string::npos);

@@ -1,6 +1,5 @@
-// Events, timed mutexes and the shared/exclusive gate, in single-threaded
-// mode (everything succeeds at once) and with real threads.
-
+// Events, timed mutexes, the shared/exclusive gate and the worker thread, in
+// single-threaded mode (everything succeeds at once) and with real threads.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -13,121 +12,92 @@
 
 namespace {
 
-// Polls `done` for up to about five seconds.
 template <class F>
-bool Eventually(F done) {
+bool Eventually(F done) {  // polls for up to about five seconds
   for (int i = 0; i < 5000 && !done(); ++i) CASleep(1);
   return done();
 }
-
 template <class F>
 auto Elsewhere(F f) {
   return std::async(std::launch::async, f);
 }
-
 template <class T>
 bool Blocked(std::future<T>& f) {  // still running after 30 ms
   return f.wait_for(std::chrono::milliseconds(30)) != std::future_status::ready;
 }
-
 int Load(const int& v) { return __atomic_load_n(&v, __ATOMIC_SEQ_CST); }
-
 // m.Enter(ms) on another thread, which leaves again at once.
 std::future<int> EnterElsewhere(CAMutex& m, int ms) {
   return Elsewhere([&m, ms] {
-    int rc = m.Enter(ms);
+    const int rc = m.Enter(ms);
     if (rc == 1) m.Exit();
     return rc;
   });
 }
 
-TEST(LocksTest, SingleThreadedModeGrantsEveryWaitAndLockWithoutLocking) {
+TEST(Locks, SingleThreadedModeGrantsEveryWaitAndLockWithoutLocking) {
   SingleThreaded = 1;
-  CAEvent e;  // clear: a real wait would block or time out
+  CAEvent e;
   CAMutex m;
   CAUniq g;
-  for (int ms : {-1, 0, 5}) {
-    EXPECT_EQ(1, e.Wait(ms)) << ms;
-    EXPECT_EQ(1, m.Enter(ms)) << ms;
-  }
+  for (int ms : {-1, 0, 5}) EXPECT_TRUE(e.Wait(ms) == 1 && m.Enter(ms) == 1);
   g.Enter();
-  EXPECT_EQ(1, g.UniEnter());
-  EXPECT_EQ(0, g.sharers);
-  SingleThreaded = 0;  // the default; other threads now find every lock free
-  EXPECT_EQ(1, EnterElsewhere(m, 0).get());
+  EXPECT_TRUE(g.UniEnter() == 1 && g.sharers == 0 && m.entries == 0);
+  SingleThreaded = 0;  // other threads now find every lock free
+  EXPECT_EQ(EnterElsewhere(m, 0).get(), 1);
 }
 
-TEST(LocksTest, SetStaysSetPostReleasesOneWaitClearTimesOut) {
+TEST(Locks, SetStaysSetPostReleasesOneWaitClearTimesOut) {
   CAEvent e;
-  EXPECT_EQ(0, e.Wait(0));
-  EXPECT_EQ(0, e.Wait(20));
+  EXPECT_EQ(e.Wait(0) + e.Wait(20), 0);
   e.Set();
-  for (int ms : {-1, 0, 10}) EXPECT_EQ(1, e.Wait(ms)) << ms;
+  for (int ms : {-1, 0, 10}) EXPECT_EQ(e.Wait(ms), 1);
   e.Reset();
-  EXPECT_EQ(0, e.Wait(0));
-  for (int ms : {-1, 0, 10}) {
-    e.Post();
-    EXPECT_EQ(1, e.Wait(ms)) << ms;
-    EXPECT_EQ(0, e.Wait(0)) << ms;
-  }
-  e.Set();
-  e.Post();  // the last signal wins
-  EXPECT_EQ(1, e.Wait(0));
-  EXPECT_EQ(0, e.Wait(0));
-
-  // Blocked waiters: a post releases one of them, a set the other.
+  EXPECT_EQ(e.Wait(0), 0);
+  e.Post();
+  EXPECT_EQ(e.Wait(-1), 1);
+  EXPECT_EQ(e.Wait(0), 0);  // a post is consumed
   std::atomic<int> done{0};
   auto wait = [&](int ms) {
-    int r = e.Wait(ms);
+    const int r = e.Wait(ms);
     done++;
     return r;
   };
   auto untimed = Elsewhere([&] { return wait(-1); });
   auto timed = Elsewhere([&] { return wait(5000); });
   CASleep(50);
-  e.Post();
+  e.Post();  // releases one blocked waiter; a set the other
   EXPECT_TRUE(Eventually([&] { return done == 1; }));
   CASleep(30);
-  EXPECT_EQ(1, done.load()) << "one post released two waiters";
+  EXPECT_EQ(done.load(), 1) << "one post released two waiters";
   while (done < 2) e.Set(), CASleep(1);
-  EXPECT_EQ(1, untimed.get());
-  EXPECT_EQ(1, timed.get());
-  EXPECT_EQ(1, e.Wait(0));
+  EXPECT_EQ(untimed.get() + timed.get(), 2);
 }
 
-TEST(LocksTest, MutexIsRecursiveAndExcludesOtherThreads) {
+TEST(Locks, AMutexIsRecursiveExcludesOthersAndTimesOutOnlyWhenHeld) {
   CAMutex m;
-  EXPECT_EQ(1, m.Enter(-1));
-  EXPECT_EQ(1, m.Enter(0));
-  EXPECT_EQ(1, m.Enter(50));
-  EXPECT_EQ(-1, EnterElsewhere(m, 0).get());  // busy is a failure, not 0
-  EXPECT_EQ(0, EnterElsewhere(m, 30).get());
+  EXPECT_EQ(m.Enter(-1) + m.Enter(0) + m.Enter(50), 3);
+  EXPECT_EQ(EnterElsewhere(m, 0).get(), -1);  // busy is a failure, not 0
+  EXPECT_EQ(EnterElsewhere(m, 30).get(), 0);
   m.Exit();
   m.Exit();
-  EXPECT_EQ(-1, EnterElsewhere(m, 0).get());  // still held once
   auto untimed = EnterElsewhere(m, -1), timed = EnterElsewhere(m, 5000);
   EXPECT_TRUE(Blocked(untimed) && Blocked(timed));
   m.Exit();
-  EXPECT_EQ(1, untimed.get());
-  EXPECT_EQ(1, timed.get());
-  EXPECT_EQ(1, EnterElsewhere(m, 0).get());
-  EXPECT_EQ(6, m.entries);
-}
-
-TEST(LocksTest, ATimedEntryWaitsAfreshAfterAnExitThatLeavesTheMutexHeld) {
-  CAMutex m;
-  ASSERT_EQ(1, m.Enter(-1));
-  ASSERT_EQ(1, m.Enter(-1));
-  auto timed = EnterElsewhere(m, 600);
+  EXPECT_EQ(untimed.get() + timed.get(), 2);
+  EXPECT_EQ(m.entries, 5);
+  // A waiter that an Exit wakes while the mutex stays held (one level of
+  // two left) waits again for up to its whole time-out.
+  m.Enter(-1), m.Enter(-1);
+  timed = EnterElsewhere(m, 600);
   CASleep(400);
-  m.Exit();  // one level of two: the waiter finds it held and waits again
+  m.Exit();
   CASleep(400);
   m.Exit();  // free at 800 ms: after the first 600 ms, within the second
-  EXPECT_EQ(1, timed.get());
-  EXPECT_EQ(3, m.entries);
+  EXPECT_EQ(timed.get(), 1);
 }
 
-TEST(LocksTest, UniEnterWaitsForSharersToDrainAndExcludesNewOnes) {
+TEST(Locks, UniEnterWaitsForSharersToDrainAndExcludesNewOnes) {
   CAUniq g;
   std::atomic<int> leaving{0}, uni{99};
   std::atomic<bool> endUni{false};
@@ -139,33 +109,27 @@ TEST(LocksTest, UniEnterWaitsForSharersToDrainAndExcludesNewOnes) {
       g.Exit();
     }));
   }
-  EXPECT_TRUE(Eventually([&] { return Load(g.sharers) == 3; }));  // all in
+  EXPECT_TRUE(Eventually([&] { return Load(g.sharers) == 3; }));
   auto exclusive = Elsewhere([&] {
-    uni = g.UniEnter();  // the gate is left by the thread that entered it
+    uni = g.UniEnter();
     while (!endUni) CASleep(1);
     g.UniExit();
   });
   EXPECT_TRUE(Eventually([&] { return Load(g.uniWaiting) == 1; }));
-  auto newcomer = Elsewhere([&] {
-    g.Enter();
-    g.Exit();
-  });
-  for (int k = 1; k < 3; ++k) {
-    leaving = k;
-    EXPECT_TRUE(Eventually([&] { return Load(g.sharers) == 3 - k; }));
-    CASleep(10);
-    EXPECT_EQ(99, uni.load()) << "exclusive with " << 3 - k << " sharers";
-  }
+  auto newcomer = Elsewhere([&] { g.Enter(), g.Exit(); });
+  leaving = 2;
+  EXPECT_TRUE(Eventually([&] { return Load(g.sharers) == 1; }));
+  CASleep(10);
+  EXPECT_EQ(uni.load(), 99) << "exclusive with a sharer inside";
   leaving = 3;
-  EXPECT_TRUE(Eventually([&] { return uni != 99; }));
-  EXPECT_EQ(1, uni.load());
+  EXPECT_TRUE(Eventually([&] { return uni == 1; }));
   EXPECT_TRUE(Blocked(newcomer)) << "a sharer entered during exclusive use";
   endUni = true;
   newcomer.get();
-  EXPECT_EQ(0, Load(g.sharers));
+  EXPECT_EQ(Load(g.sharers), 0);
 }
 
-TEST(LocksTest, StressKeepsGateAndMutexExclusive) {
+TEST(Locks, StressKeepsGateAndMutexExclusive) {
   CAUniq g;
   CAMutex m;
   long counter = 0;  // guarded by m alone
@@ -179,14 +143,14 @@ TEST(LocksTest, StressKeepsGateAndMutexExclusive) {
         std::this_thread::yield();
         shared--;
         g.Exit();
-        EXPECT_EQ(1, g.UniEnter());
+        EXPECT_EQ(g.UniEnter(), 1);
         EXPECT_TRUE(exclusive++ == 0 && shared == 0) << "not exclusive";
         exclusive--;
         g.UniExit();
         // Every hold is short: a timed entry that gives up has lost the
         // wake-up of an Exit, or timed out while the mutex was free.
-        ASSERT_EQ(1, m.Enter(i % 2 ? 5000 : -1));
-        long seen = counter;
+        ASSERT_EQ(m.Enter(i % 2 ? 5000 : -1), 1);
+        const long seen = counter;
         std::this_thread::yield();  // invites a lost update
         counter = seen + 1;
         m.Exit();
@@ -194,8 +158,50 @@ TEST(LocksTest, StressKeepsGateAndMutexExclusive) {
     }));
   }
   for (auto& th : threads) th.get();
-  EXPECT_EQ(4 * 300, counter);
-  EXPECT_EQ(0, g.sharers);
+  EXPECT_EQ(counter, 4 * 300);
+}
+
+// Works until asked to stop; a stubborn one never stops by itself.
+struct Worker : CAThread {
+  explicit Worker(bool stubborn) : stubborn(stubborn) {}
+  ~Worker() override { Stop(); }
+  void Procedure() override {
+    runs++;
+    while (stubborn || Load(stopRequest) == 0) beats++, CASleep(2);
+  }
+  const bool stubborn;
+  std::atomic<int> runs{0};
+  std::atomic<long> beats{0};
+};
+
+TEST(Threads, AStopIsCooperativeUntilItsTimeOutThenCancels) {
+  int first = 0, second = 0;
+  Worker t(false);
+  t.Start(0, &first);
+  t.Start(0, &second);  // already started: ignored
+  ASSERT_TRUE(Eventually([&] { return t.runs == 1; }));
+  t.Stop();
+  EXPECT_GT(Load(t.runState), 1);  // it returned by itself: not cancelled
+  t.Start(0, &second);             // finished: not started again
+  CASleep(20);
+  EXPECT_TRUE(t.runs == 1 && t.argument == &first);
+  CAThread never;
+  never.Stop();  // returns at once
+  EXPECT_TRUE(never.runState == -1 && never.stopRequest == 0);
+  for (int timeout : {150, -100}) {  // -100 or less: no wait at all
+    Worker stubborn(true);
+    stubborn.stopTimeout = timeout;
+    stubborn.Start(0, nullptr);
+    ASSERT_TRUE(Eventually([&] { return stubborn.beats > 0; }));
+    const auto begin = std::chrono::steady_clock::now();
+    stubborn.Stop();
+    EXPECT_GE(std::chrono::steady_clock::now() - begin,
+              std::chrono::milliseconds(timeout > 0 ? 200 : 100));
+    EXPECT_TRUE(Load(stubborn.runState) == 1 && stubborn.thread == nullptr);
+    const long beats = stubborn.beats;
+    CASleep(30);
+    EXPECT_EQ(stubborn.beats.load(), beats) << "still runs";
+  }
 }
 
 }  // namespace

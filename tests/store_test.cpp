@@ -1,246 +1,107 @@
-// Caches, handles and records: handle tables, re-opening and closing, the
-// record life cycle with holds, search ages, node counters and listing.
+// Caches, handles and records through the C interface: what each call
+// returns, what it changes, when records die and what bad input gets.
+#include <dlfcn.h>
+#include <pthread.h>
 #include <string.h>
-#include <time.h>
 
-#include <string>
-#include <vector>
+#include <functional>
 
-#include "gtest/gtest.h"
-#include "qmcache/qmcache.hpp"
+#include "support.h"
 
-// The library's wall clock, moved by hand (exported to interpose libc's).
-static time_t g_now = 1700000000;
-extern "C" __attribute__((visibility("default"))) time_t time(time_t* t) {
-  if (t != nullptr) *t = g_now;
-  return g_now;
+// Every pthread_mutex_lock of the process passes through here, so that a
+// test can count the locks the library takes on its thread.
+thread_local int locksTaken = -1;  // -1: not counting
+extern "C" __attribute__((visibility("default"))) int pthread_mutex_lock(
+    pthread_mutex_t* mutex) {
+  using Lock = int (*)(pthread_mutex_t*);
+  static Lock real = reinterpret_cast<Lock>(dlsym(RTLD_NEXT, __func__));
+  if (locksTaken >= 0) locksTaken++;
+  return real(mutex);
 }
 
 namespace {
 
-std::vector<std::string> freed;  // data of every record the callback saw
+using Store = Fresh;
 
-void OnRelease(int, unsigned long size, void* data) {
-  freed.emplace_back(data != nullptr ? static_cast<char*>(data) : "", size);
+TEST_F(Store, ACacheIsSharedByNameAndLivesWhileAHandleDoes) {
+  CAParams p{};
+  p.allocated = p.nodes = 99;
+  void* a = CA_CREATE("c", &p);  // a new cache: the default budget
+  EXPECT_EQ(p.maxBytes, 1048576u);
+  EXPECT_EQ(p.allocated + p.nodes + p.usedNodes, 0u);
+  Put(a, "k", "v", 10, CAREC_CALLBACK | CAREC_PINNED | CAREC_EXPIRES);
+  p = CAParams{};  // re-opened with 0: a budget of 0, statistics emptied
+  void* b = CA_CREATE("c", &p);
+  EXPECT_NE(a, b);
+  EXPECT_EQ(p.maxBytes, 0u);
+  EXPECT_EQ(p.allocated, 10u);
+  EXPECT_EQ(p.nodes, 1u);
+  EXPECT_EQ(p.timing.count, 0u);
+  EXPECT_EQ(Get(b, "k"), "v");
+  EXPECT_EQ(Get(Open("cc"), "k"), "-");  // another name, another cache
+  EXPECT_EQ(Get(Open(""), "k"), "-");    // the empty name is a name
+  // Closing one of several handles: budget 0, pinning and expiry cleared.
+  void* x = Open("c", 500);
+  EXPECT_EQ(Params(a).maxBytes, 500u);
+  CA_CLOSE(x);
+  EXPECT_EQ(Params(a).maxBytes, 0u);
+  EXPECT_EQ(Query(a, NodeOf(a, "k")->payload).flags, CAREC_CALLBACK);
+  // The handle table grows by 16 and reuses the lowest free slot.
+  CACache* c = static_cast<CACacheAction*>(a)->cache;
+  std::vector<void*> more;
+  while (more.size() < 15) more.push_back(Open("c"));
+  EXPECT_EQ(c->actionSlots, 32);
+  EXPECT_EQ(c->actions[16], more.back());
+  CA_CLOSE(c->actions[3]);
+  EXPECT_EQ(Open("c"), c->actions[3]);
+  for (int i = 0; i < c->actionSlots; ++i)
+    if (c->actions[i] != nullptr && c->actions[i] != a) CA_CLOSE(c->actions[i]);
+  EXPECT_TRUE(released.empty());
+  CA_CLOSE(a);  // the last handle: the cache and its records go
+  EXPECT_EQ(released, Lines{"v"});
+  EXPECT_EQ(Params(Open("c")).nodes, 0u);
 }
 
-using Counters = std::vector<unsigned int>;  // allocated, nodes, usedNodes
-
-class StoreTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    g_now = 1700000000;
-    freed.clear();
-    CA_INIT(1);
-    CA_SETFREE(OnRelease);
-  }
-  void TearDown() override {
-    CA_DEINIT();
-    free_handle = nullptr;
-  }
-  static void* Open(const char* name, unsigned int maxBytes = 0) {
-    CAParams p{};
-    p.maxBytes = maxBytes;
-    return CA_CREATE(name, &p);
-  }
-  static CACache* CacheOf(void* h) {
-    return static_cast<CACacheAction*>(h)->cache;
-  }
-  // Inserts `data` charged at its own size unless `length` is given.
-  static int Put(void* h, const std::string& key, const std::string& data,
-                 int flags = CAREC_CALLBACK, int length = -1) {
-    return CA_INSERT(h, 7, flags, 60, (int)key.size(), key.data(),
-                     (int)data.size(), length < 0 ? (int)data.size() : length,
-                     data.data());
-  }
-  static void* Find(void* h, const std::string& key, int maxAge = 0) {
-    return CA_SEARCH(h, maxAge, (int)key.size(), key.data());
-  }
-  static std::string DataOf(void* h, void* record) {
-    CAQuery q;
-    if (CA_QUERY(h, record, &q) != 1) return "<no query>";
-    return std::string(static_cast<char*>(q.data), q.dataLength);
-  }
-  static Counters Count(void* h) {
-    CAParams p;
-    EXPECT_EQ(1, CA_GETCACHESTAT(h, &p));
-    return {p.allocated, p.nodes, p.usedNodes};
-  }
-  static unsigned long Slot(void* h, int slot) {
-    _CAStat s;
-    CA_GETSTAT(h, slot, &s);
-    return s.count;
-  }
-  // Data of the listed records; the entries after them must be null.
-  static std::vector<std::string> List(void* h) {
-    std::vector<std::string> out;
-    int n = -1;
-    void** list = CA_LIST(h, &n);
-    EXPECT_EQ(list == nullptr, n == 0);
-    for (int i = 0; i < n; i++) out.push_back(DataOf(h, list[i]));
-    for (unsigned i = n; list != nullptr && i < CacheOf(h)->params.nodes; i++)
-      EXPECT_EQ(nullptr, list[i]);
-    CA_LIST_FREE(h, list);
-    return out;
-  }
-};
-
-TEST_F(StoreTest, HandleTableGrowsBySixteenAndReusesFreedSlots) {
-  std::vector<void*> h;
-  for (int i = 0; i < 17; i++) h.push_back(Open("grow"));
-  CACache* c = CacheOf(h[0]);
-  ASSERT_EQ(32, c->actionSlots);
-  for (int i = 0; i < 32; i++)
-    EXPECT_EQ(i < 17 ? h[i] : nullptr, c->actions[i]);
-  CA_CLOSE(h[3]);
-  EXPECT_EQ(nullptr, c->actions[3]);
-  EXPECT_EQ(Open("grow"), c->actions[3]);
-  EXPECT_EQ(32, c->actionSlots);
+TEST_F(Store, InsertCopiesAndSearchHoldsAndQueryTells) {
+  void* h = Open("r");
+  char data[] = "abc";
+  EXPECT_EQ(CA_INSERT(h, 7, CAREC_CALLBACK | 0x10, 0, 1, "k", 3, 100, data), 1);
+  data[0] = 'X';  // a copy was stored
+  void* r = Hold(h, "k");
+  g_now += 3;
+  CAQuery q = Query(h, r);
+  EXPECT_EQ(std::string(static_cast<char*>(q.data), 3), "abc");
+  EXPECT_EQ(std::vector<int>({q.hits, q.tag, q.flags, q.age, q.keyLength,
+                              q.dataLength, q.length}),
+            std::vector<int>({2, 7, CAREC_CALLBACK | 0x10, 3, 1, 3, 100}));
+  EXPECT_EQ(memcmp(q.key, "k", 1), 0);
+  EXPECT_EQ(Query(h, r).hits, 2);  // a query is no hit
+  EXPECT_EQ(static_cast<CARecord*>(r)->refCount, 1);
+  CA_FREE(h, r);
+  CA_FREE(h, r);  // nothing held: nothing changes
+  EXPECT_EQ(static_cast<CARecord*>(r)->refCount, 0);
+  EXPECT_EQ(Put(h, "k", "new", 5), 0);  // replaced, the unheld old one goes
+  EXPECT_EQ(released, Lines{"abc"});
+  // Size 0 stores nothing, yet tells whether the key was new, counts the
+  // node as used and passes the dropped record to the callback.
+  EXPECT_EQ(CA_INSERT(h, 0, CAREC_CALLBACK, 0, 1, "z", 0, 9, "q"), 1);
+  EXPECT_EQ(CA_INSERT(h, 0, CAREC_CALLBACK, 0, 1, "k", 0, 9, "q"), 0);
+  EXPECT_EQ(released, (Lines{"abc", "", "new", ""}));
+  EXPECT_EQ(Get(h, "k") + Get(h, "z"), "--");
+  CAParams p = Params(h);
+  EXPECT_EQ(std::vector<unsigned>({p.allocated, p.nodes, p.usedNodes}),
+            std::vector<unsigned>({0, 2, 2}));
 }
 
-TEST_F(StoreTest, ReopenSharesTheCacheAndClosingOneOfTwoClearsFlags) {
-  CAParams p;
-  memset(&p, 0x77, sizeof(p));
-  p.maxBytes = 0;
-  void* a = CA_CREATE("cache", &p);
-  EXPECT_EQ(1048576u, p.maxBytes);  // 0 on first open: the default
-  EXPECT_EQ(0u, p.allocated + p.nodes + p.usedNodes + p.timing.count);
-  const int kept = 0x10 | CAREC_CALLBACK;
-  ASSERT_EQ(1, Put(a, "k", "data", kept | CAREC_PINNED | CAREC_EXPIRES));
-  ASSERT_EQ(1, Put(a, "j", "abc", 0, 40));
-  EXPECT_EQ(2u, Slot(a, CASTAT_INSERT));
-  memset(&p, 0x77, sizeof(p));
-  p.maxBytes = 0;
-  void* b = CA_CREATE("cache", &p);
-  EXPECT_EQ(CacheOf(a), CacheOf(b));
-  EXPECT_EQ(0u, p.maxBytes);  // taken as given on re-open
-  EXPECT_EQ(Counters({44, 2, 2}),
-            Counters({p.allocated, p.nodes, p.usedNodes}));
-  EXPECT_EQ(0u, p.timing.count);  // statistics emptied
-  EXPECT_EQ(0u, Slot(a, CASTAT_INSERT));
-  EXPECT_NE(CacheOf(a), CacheOf(Open("cache2")));
-  EXPECT_NE(CacheOf(a), CacheOf(Open("")));
-
-  p.maxBytes = 500;
-  CA_CREATE("cache", &p);
-  CA_CLOSE(b);  // one of several handles: budget 0, two flags cleared
-  ASSERT_EQ(1, CA_GETCACHESTAT(a, &p));
-  EXPECT_EQ(0u, p.maxBytes);
-  void* r = Find(a, "k");
-  CAQuery q;
-  ASSERT_EQ(1, CA_QUERY(a, r, &q));
-  EXPECT_EQ(kept, q.flags);
-  CA_FREE(a, r);
-  EXPECT_TRUE(freed.empty());
-
-  for (void* handle :
-       std::vector<void*>(CacheOf(a)->actions, CacheOf(a)->actions + 16))
-    CA_CLOSE(handle);  // the last close destroys the cache
-  EXPECT_EQ(std::vector<std::string>{"data"}, freed);
-  void* again = Open("cache");
-  EXPECT_EQ(1048576u, CacheOf(again)->params.maxBytes);
-  EXPECT_EQ(Counters({0, 0, 0}), Count(again));
-}
-
-TEST_F(StoreTest, RecordLivesWhileHeldOrAttached) {
-  void* h = Open("life");
-  ASSERT_EQ(1, Put(h, "key", "value", CAREC_CALLBACK, 100));
-  void* r1 = Find(h, "key");
-  void* r2 = Find(h, "key");
-  ASSERT_TRUE(r1 != nullptr && r1 == r2);
-  g_now += 5;
-  CAQuery q;
-  ASSERT_EQ(1, CA_QUERY(h, r1, &q));
-  EXPECT_EQ(3, q.hits);  // 1 at insertion, 2 searches; a query is no hit
-  EXPECT_EQ(7, q.tag);
-  EXPECT_EQ(5, q.age);
-  EXPECT_EQ("key", std::string(static_cast<char*>(q.key), q.keyLength));
-  EXPECT_EQ(5, q.dataLength);
-  EXPECT_EQ(100, q.length);
-  ASSERT_EQ(1, CA_QUERY(h, r1, &q));
-  EXPECT_EQ(3, q.hits);
-
-  // Replaced while held: detached, still charged, destroyed with the last
-  // of its two holds.
-  ASSERT_EQ(0, Put(h, "key", "newer", CAREC_CALLBACK, 20));
-  EXPECT_EQ(Counters({120, 1, 1}), Count(h));
-  ASSERT_EQ(1, CA_QUERY(h, r1, &q));
-  EXPECT_TRUE(q.key == nullptr && q.keyLength == 0);
-  EXPECT_EQ("value", DataOf(h, r1));
-  CA_ERASE(h, r2);  // drops a hold; the record has already left the cache
-  EXPECT_TRUE(freed.empty());
-  CA_FREE(h, r1);
-  EXPECT_EQ(std::vector<std::string>{"value"}, freed);
-  EXPECT_EQ(Counters({20, 1, 1}), Count(h));
-
-  // Released while attached and unheld: stays. Erased: destroyed at once.
-  void* cur = Find(h, "key");
-  EXPECT_EQ("newer", DataOf(h, cur));
-  CA_FREE(h, cur);
-  CA_FREE(h, cur);
-  EXPECT_EQ(1u, freed.size());
-  CA_ERASE(h, cur);
-  EXPECT_EQ(nullptr, Find(h, "key"));
-  EXPECT_EQ(Counters({0, 1, 0}), Count(h));
-  EXPECT_EQ((std::vector<std::string>{"value", "newer"}), freed);
-
-  // Replacing an unheld record destroys it during the insert; an emptied
-  // node is found again.
-  ASSERT_EQ(0, Put(h, "key", "third"));
-  ASSERT_EQ(0, Put(h, "key", "fourth", CAREC_CALLBACK, 4));
-  EXPECT_EQ("third", freed.back());
-  EXPECT_EQ(Counters({4, 1, 1}), Count(h));
-  CA_FREE(h, nullptr);
-  CA_ERASE(h, nullptr);
-  EXPECT_EQ(3u, Slot(h, CASTAT_RELEASE));  // null records are not counted
-  EXPECT_EQ(2u, Slot(h, CASTAT_ERASE));
-
-  // Size 0 stores no record yet reports whether the key was new; it still
-  // replaces (and so destroys) the old record.
-  EXPECT_EQ(1, CA_INSERT(h, 1, CAREC_CALLBACK, 0, 1, "a", 0, 9, "x"));
-  EXPECT_EQ(0, CA_INSERT(h, 1, 0, 0, 3, "key", 0, 9, "x"));
-  EXPECT_EQ(nullptr, Find(h, "a"));
-  EXPECT_EQ(nullptr, Find(h, "key"));
-  EXPECT_EQ("fourth", freed.back());
-  // A size of -1 widens to one whose buffer size wraps: no record either.
-  EXPECT_EQ(1, CA_INSERT(h, 1, 0, 0, 1, "c", -1, 1, "abc"));
-  EXPECT_EQ(nullptr, Find(h, "c"));
-  EXPECT_EQ(Counters({0, 3, 3}), Count(h));
-  EXPECT_EQ(4u, Slot(h, CASTAT_INSERT));
-}
-
-TEST_F(StoreTest, HeldRecordOutlivesItsCache) {
-  void* h = Open("gone");
-  void* other = Open("other");
-  Put(h, "k", "payload");
-  Put(h, "j", "unheld");
-  CARecord* r = static_cast<CARecord*>(Find(h, "k"));
-  CA_CLOSE(h);
-  EXPECT_EQ(std::vector<std::string>{"unheld"}, freed);
-  EXPECT_TRUE(r->cache == nullptr && r->node == nullptr);
-  CA_FREE(other, r);  // must not touch the destroyed cache (ASan)
-  EXPECT_EQ("payload", freed.back());
-  EXPECT_EQ(Counters({0, 0, 0}), Count(other));
-
-  Put(other, "k", "late");
-  CARecord* late = static_cast<CARecord*>(Find(other, "k"));
-  CA_DEINIT();
-  EXPECT_EQ(2u, freed.size());
-  EXPECT_EQ(nullptr, late->cache);
-  late->Free();
-  EXPECT_EQ("late", freed.back());
-}
-
-TEST_F(StoreTest, SearchHitsOnlyRecordsYoungerThanMaxAge) {
+TEST_F(Store, SearchFindsOnlyRecordsYoungerThanMaxAge) {
   void* h = Open("age");
-  Put(h, "k", "v");
-  struct {
+  Put(h, "k");
+  const struct {
     int advance, maxAge;
     bool hit;
   } cases[] = {{0, 1, true},
                {0, -1, false},
                {1, 1, false},
-               {0, -5, false},
                {0, 2, true},
                {100000, 0, true},
                // The clock stepped back: the record's age is -10, and a
@@ -248,77 +109,184 @@ TEST_F(StoreTest, SearchHitsOnlyRecordsYoungerThanMaxAge) {
                {-100011, -1, true},
                {0, -9, true},
                {0, -10, false}};
-  for (auto& c : cases) {
+  for (const auto& c : cases) {
     g_now += c.advance;
-    void* r = Find(h, "k", c.maxAge);
+    void* r = Hold(h, "k", c.maxAge);
     EXPECT_EQ(c.hit, r != nullptr) << c.maxAge << " at " << g_now;
     CA_FREE(h, r);
   }
-  EXPECT_EQ(9u, Slot(h, CASTAT_SEARCH));
-  EXPECT_EQ(5u, Slot(h, CASTAT_SEARCH_HIT));
-  CAQuery q;
-  void* r = Find(h, "k");
-  CA_QUERY(h, r, &q);
-  CA_FREE(h, r);
-  EXPECT_EQ(7, q.hits);  // the misses did not count
+  EXPECT_EQ(Count(h, CASTAT_SEARCH), 8);
+  EXPECT_EQ(Count(h, CASTAT_SEARCH_HIT), 5);
+  EXPECT_EQ(Query(h, NodeOf(h, "k")->payload).hits, 6);  // misses count not
 }
 
-TEST_F(StoreTest, ListIsPreorderAndReachesBelowEmptiedNodes) {
+TEST_F(Store, AHeldRecordLivesOnAfterItLeavesItsCache) {
+  void* h = Open("held");
+  Put(h, "k", "old", 30);
+  void* first = Hold(h, "k");
+  void* second = Hold(h, "k");
+  Put(h, "k", "new", 20);  // replaced while held: alive, out of the tree
+  EXPECT_EQ(Query(h, first).key, nullptr);
+  EXPECT_EQ(Params(h).allocated, 50u);
+  CA_ERASE(h, first);  // one of two holds
+  CA_FREE(h, second);  // the last one destroys it
+  EXPECT_EQ(released, Lines{"old"});
+  EXPECT_EQ(Params(h).allocated, 20u);
+  void* kept = Hold(h, "k");
+  void* other = Hold(h, "k");
+  CA_ERASE(h, kept);  // erased with another hold left: the key misses at once
+  EXPECT_EQ(Get(h, "k"), "-");
+  EXPECT_EQ(Query(h, other).length, 20);
+  // Records held across their cache's teardown (held in the tree, or left
+  // it while held) forget the cache: their late release touches no cache,
+  // and nothing on this path takes a lock.
+  CA_INIT(0);
+  Put(h, "a", "a", 100);
+  void* attached = Hold(h, "a");
+  locksTaken = 0;
+  CA_CLOSE(h);
+  void* next = Open("next");  // likely where the old cache was
+  Put(next, "n", "n", 3);
+  CA_FREE(next, attached);
+  CA_FREE(next, other);
+  EXPECT_EQ(locksTaken, 0);
+  locksTaken = -1;
+  EXPECT_EQ(released, (Lines{"old", "a", "new"}));
+  EXPECT_EQ(Params(next).allocated, 3u);
+}
+
+TEST_F(Store, AListIsThePreorderOfEveryRecordInTheTree) {
   void* h = Open("list");
-  EXPECT_TRUE(List(h).empty());
-  for (int k : {2, 1, 3}) Put(h, std::string(1, k), std::to_string(k) + "!");
-  EXPECT_EQ((std::vector<std::string>{"2!", "1!", "3!"}), List(h));
-  CA_ERASE(h, Find(h, std::string(1, 2)));  // empty the root
-  EXPECT_EQ((std::vector<std::string>{"1!", "3!"}), List(h));
-
-  void* g = Open("seven");
-  for (int k : {4, 2, 6, 1, 3, 5, 7})
-    Put(g, std::string(1, k), "r" + std::to_string(k));
-  CA_ERASE(g, Find(g, std::string(1, 2)));
-  CA_ERASE(g, Find(g, std::string(1, 6)));
-  EXPECT_EQ((std::vector<std::string>{"r4", "r1", "r3", "r5", "r7"}), List(g));
-
-  // First/Next walk ascending over every node, empty ones included.
-  CACache* c = CacheOf(g);
-  BTreeNumerator* it = nullptr;
-  std::string order;
-  for (BTree* n = c->First(&it); n != nullptr; n = c->Next(&it))
-    order += std::to_string(n->key[0]) + (n->payload ? "," : "-,");
-  EXPECT_EQ("1,2-,3,4,5,6-,7,", order);
-  EXPECT_EQ(nullptr, it);
-  EXPECT_EQ(nullptr, c->Next(&it));
-  EXPECT_EQ(nullptr, CacheOf(Open("none"))->First(&it));
+  int count = -5;
+  EXPECT_EQ(CA_LIST(h, &count), nullptr);
+  EXPECT_EQ(count, 0);
+  for (const char* k : {"2", "1", "3"}) Put(h, k, k);
+  Erase(h, "2");  // the root loses its record, the records below it stay
+  void** list = CA_LIST(h, &count);
+  ASSERT_EQ(count, 2);
+  auto data = [&](void* r) {
+    EXPECT_EQ(Query(h, r).hits, 1);  // listing takes no hold
+    return std::string(static_cast<char*>(Query(h, r).data), 1);
+  };
+  EXPECT_EQ(data(list[0]) + data(list[1]), "13");
+  EXPECT_EQ(list[2], nullptr);  // one entry per node
+  CA_ERASE(h, list[1]);         // not held: destroyed at once
+  EXPECT_EQ(released, (Lines{"2", "3"}));
+  CA_LIST_FREE(h, list);
 }
 
-// Replacing a record in a cache just past the 20,000 free-node limit: the
-// unlink fires the rebuild, which must keep the new record in a live node.
-TEST_F(StoreTest, ReplacementAtTheFreeNodeLimitKeepsTheNewRecord) {
-  void* h = Open("rebuild", 1u << 30);
-  CACache* c = CacheOf(h);
-  Put(h, "keep", "old");
-  Put(h, "drop", "gone");
-  for (int round = 0; round < 2; round++) {
-    CAFree* controller = cafree;
-    cafree = nullptr;  // empty 20,001 nodes without reclaiming
-    for (int i = 0; i <= 20000; i++) Put(h, "k" + std::to_string(i), "v", 0);
-    for (int i = 0; i <= 20000; i++)
-      CA_ERASE(h, Find(h, "k" + std::to_string(i)));
-    cafree = controller;
-    ASSERT_EQ(20001u, c->params.nodes - c->params.usedNodes);
-    // Round 0 replaces "keep"; round 1 replaces "drop" by a size-0 insert.
-    ASSERT_EQ(0, round == 0 ? Put(h, "keep", "new")
-                            : CA_INSERT(h, 0, 0, 0, 4, "drop", 0, 0, "x"));
-    EXPECT_EQ(round + 1u, Slot(h, CASTAT_REBUILD));
-    CARecord* rec = static_cast<CARecord*>(Find(h, "keep"));
-    ASSERT_NE(nullptr, rec);
-    EXPECT_EQ(rec, rec->node->payload);
-    EXPECT_EQ("keep", std::string((char*)rec->node->key, rec->node->keyLength));
-    EXPECT_EQ("new", DataOf(h, rec));
-    CA_FREE(h, rec);
+TEST_F(Store, EveryOperationIsTimedInItsSlot) {
+  void* a = Open("a");
+  void* b = Open("b");
+  Put(a, "k");
+  Put(a, "j");
+  void* hit = Hold(a, "k");
+  Hold(a, "none");
+  Hold(b, "k");
+  Query(a, hit);
+  CA_FREE(a, hit);
+  Erase(a, "j");
+  CA_QUERY(a, nullptr, nullptr);  // refused before any work: not timed
+  CA_FREE(a, nullptr);
+  Ints library, cache;
+  for (int slot = 0; slot < 9; ++slot) {
+    library.push_back(Count(nullptr, slot));
+    cache.push_back(Count(a, slot));
   }
-  EXPECT_EQ((std::vector<std::string>{"old", "gone"}), freed);
-  EXPECT_EQ(nullptr, Find(h, "drop"));
-  EXPECT_EQ(Counters({3, 1, 1}), Count(h));
+  EXPECT_EQ(library, (Ints{2, 4, 2, 1, 1, 1, 0, 0, 0}));
+  EXPECT_EQ(cache, (Ints{2, 3, 2, 1, 1, 1, 0, 0, 0}));
+  EXPECT_EQ(Params(a).timing.count, 8u);  // every handle operation on "a"
+}
+
+TEST_F(Store, TheLibraryStartsOnDemandSwitchesModesAndStartsAfresh) {
+  CA_DEINIT();
+  EXPECT_EQ(CA_CHECKCACHE(0), 0);  // does not start the library
+  EXPECT_TRUE(cafree == nullptr && MainStat == nullptr);
+  _CAStat s;
+  std::function<void()> starters[] = {[] { Open("c"); },
+                                      [] { CA_SETFREE(&Release); },
+                                      [] { CA_GETCACHESTAT(nullptr, nullptr); },
+                                      [&] { CA_GETSTAT(nullptr, 0, &s); }};
+  for (auto& start : starters) {
+    SingleThreaded = 0;
+    start();
+    EXPECT_TRUE(cafree != nullptr && MainStat != nullptr && SingleThreaded);
+    EXPECT_EQ(CA_DEINIT(), 1);
+  }
+  void* h = Open("c");
+  Put(h, "k");
+  CAFree* controller = cafree;
+  EXPECT_EQ(CA_INIT(1), 1);
+  EXPECT_EQ(cafree, controller);  // same mode, same controller
+  EXPECT_EQ(CA_INIT(0), 1);
+  EXPECT_EQ(SingleThreaded, 0);
+  EXPECT_EQ(Get(h, "k"), "v");  // the caches stay
+  EXPECT_EQ(CA_SETFREE(nullptr), 1);
+  EXPECT_EQ(CA_SETFREE(nullptr), 0);
+  EXPECT_EQ(CA_DEINIT(), 1);
+  EXPECT_EQ(CA_DEINIT(), 1);
+  EXPECT_TRUE(released.empty() && CACache::caches == nullptr);
+  EXPECT_EQ(Get(Open("c"), "k"), "-");
+  EXPECT_EQ(Count(nullptr, CASTAT_INSERT), 0);
+}
+
+TEST_F(Store, BadInputGetsItsResultAndTouchesNothing) {
+  void* h = Open("victim");
+  Put(h, "key", "x", 42);
+  void* r = Hold(h, "key");
+  alignas(8) unsigned char magicThenJunk[16] = {'C', 'A', 'A', 'C', 0, 0, 1};
+  alignas(8) unsigned char zeros[16] = {};
+  for (void* bad :
+       {static_cast<void*>(nullptr), static_cast<void*>(magicThenJunk),
+        static_cast<void*>(zeros)}) {
+    EXPECT_EQ(Put(bad, "k2"), -1);
+    EXPECT_EQ(Hold(bad, "key"), nullptr);
+    CAQuery q;
+    memset(&q, 0x11, sizeof q);
+    EXPECT_EQ(CA_QUERY(bad, r, &q), 0);
+    EXPECT_EQ(q.tag, 0x11111111);
+    CA_FREE(bad, r);
+    CA_ERASE(bad, r);
+    CA_CLOSE(bad);
+    int count = 99;
+    EXPECT_EQ(CA_LIST(bad, &count), nullptr);
+    EXPECT_EQ(count, 99);
+    void** list = CA_LIST(h, &count);
+    CA_LIST_FREE(bad, list);  // freed by the real handle below, not twice
+    CA_LIST_FREE(h, list);
+    CAParams p;
+    memset(&p, 0x22, sizeof p);
+    EXPECT_EQ(CA_GETCACHESTAT(bad, &p), 0);
+    EXPECT_EQ(p.maxBytes, 0x22222222u);
+    _CAStat s;
+    memset(&s, 0x33, sizeof s);
+    EXPECT_EQ(CA_GETSTAT(bad, 1, &s), bad == nullptr ? 1 : 0);
+    if (bad != nullptr) {
+      EXPECT_EQ(s.count + s.total, 0.0);
+    }
+  }
+  // Keys the library cannot read, and data missing for a non-zero size.
+  EXPECT_EQ(CA_INSERT(h, 0, 0, 0, -1, "key", 1, 1, "x"), -1);
+  EXPECT_EQ(CA_INSERT(h, 0, 0, 0, 3, nullptr, 1, 1, "x"), -1);
+  EXPECT_EQ(CA_INSERT(h, 0, 0, 0, 3, "new", 5, 1, nullptr), -1);
+  EXPECT_EQ(CA_SEARCH(h, 0, -3, "key"), nullptr);
+  EXPECT_EQ(CA_SEARCH(h, 0, 3, nullptr), nullptr);
+  // A size widened from a negative int cannot be had: dropped, not crashed.
+  EXPECT_EQ(CA_INSERT(h, 0, CAREC_CALLBACK, 0, 1, "n", -1, 5, "abc"), 1);
+  EXPECT_EQ(Get(h, "n"), "-");
+  // Out-of-range slots read as zero; a null name opens nothing.
+  _CAStat s;
+  memset(&s, 0x5A, sizeof s);
+  EXPECT_EQ(CA_GETSTAT(h, 8, &s), 1);
+  EXPECT_EQ(s.count, 0u);
+  EXPECT_EQ(CA_CREATE(nullptr, nullptr), nullptr);
+  EXPECT_EQ(Params(CA_CREATE("defaults", nullptr)).maxBytes, 1048576u);
+  CA_FREE(h, r);
+  CAParams p = Params(h);
+  EXPECT_EQ(std::vector<unsigned>({p.allocated, p.nodes, p.usedNodes}),
+            std::vector<unsigned>({42, 2, 2}));
+  EXPECT_EQ(Count(h, CASTAT_RELEASE), 1);
+  EXPECT_EQ(Count(h, CASTAT_ERASE), 0);
 }
 
 }  // namespace

@@ -1,0 +1,135 @@
+// What the tests share: the C interface turned into plain values, a clock
+// the tests set, the release callback's log and the trace log's lines.
+// Every test program includes this header once: it defines time() for the
+// whole process (exported, so the library's calls find it first).
+#ifndef QMCACHE_TESTS_SUPPORT_H
+#define QMCACHE_TESTS_SUPPORT_H
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <fstream>
+#include <string>
+#include <vector>
+
+#include "qmcache/qmcache.h"
+#include "qmcache/qmcache.hpp"
+
+time_t g_now = 1000000;
+extern "C" __attribute__((visibility("default"))) time_t time(time_t* t) {
+  if (t != nullptr) *t = g_now;
+  return g_now;
+}
+
+using Lines = std::vector<std::string>;
+using Ints = std::vector<long>;
+
+// The data of every record destroyed with CAREC_CALLBACK, in order.
+inline Lines released;
+inline void Release(int, unsigned long size, void* data) {
+  released.push_back(
+      data == nullptr ? "<none>" : std::string(static_cast<char*>(data), size));
+}
+
+inline CACacheAction* Open(const std::string& name, unsigned int maxBytes = 0) {
+  CAParams p{};
+  p.maxBytes = maxBytes;
+  return static_cast<CACacheAction*>(CA_CREATE(name.c_str(), &p));
+}
+// Stores `value` under `key`, charging `length` (default: the value's size).
+inline int Put(void* h, const std::string& key, const std::string& value = "v",
+               int length = -1, int flags = CAREC_CALLBACK, int lifetime = 0) {
+  return CA_INSERT(h, 7, flags, lifetime, static_cast<int>(key.size()),
+                   key.data(), static_cast<int>(value.size()),
+                   length < 0 ? static_cast<int>(value.size()) : length,
+                   value.data());
+}
+inline void* Hold(void* h, const std::string& key, int maxAge = 0) {
+  return CA_SEARCH(h, maxAge, static_cast<int>(key.size()), key.data());
+}
+inline CAQuery Query(void* h, void* record) {
+  CAQuery q{};
+  EXPECT_EQ(CA_QUERY(h, record, &q), 1);
+  return q;
+}
+// The key's value without keeping a hold, or "-".
+inline std::string Get(void* h, const std::string& key) {
+  void* r = Hold(h, key);
+  if (r == nullptr) return "-";
+  CAQuery q = Query(h, r);
+  CA_FREE(h, r);
+  return std::string(static_cast<char*>(q.data), q.dataLength);
+}
+inline void Erase(void* h, const std::string& key) {
+  CA_ERASE(h, Hold(h, key));
+}
+inline CAParams Params(void* h) {
+  CAParams p{};
+  CA_GETCACHESTAT(h, &p);
+  return p;
+}
+// Values added to a statistic slot of the handle's cache (null: library).
+inline long Count(void* h, int slot) {
+  _CAStat s{};
+  CA_GETSTAT(h, slot, &s);
+  return static_cast<long>(s.count);
+}
+inline std::string KeyOf(const BTree* n) {
+  return std::string(reinterpret_cast<const char*>(n->key), n->keyLength);
+}
+inline BTree* NodeOf(void* h, const std::string& key) {
+  BTree* root = static_cast<CACacheAction*>(h)->cache->tree;
+  auto* bytes = reinterpret_cast<unsigned char*>(const_cast<char*>(key.data()));
+  return root == nullptr ? nullptr : root->Search(bytes, key.size());
+}
+// Keys that carry a record, in tree order.
+inline Lines Keys(void* h) {
+  Lines keys;
+  BTreeNumerator walk(static_cast<CACacheAction*>(h)->cache->tree, 0);
+  for (BTree* n = walk.Next(); n != nullptr; n = walk.Next())
+    if (n->payload != nullptr) keys.push_back(KeyOf(n));
+  return keys;
+}
+// A 4-byte big-endian key: tree order is numeric order.
+inline std::string Key(unsigned int i) {
+  return {char(i >> 24), char(i >> 16), char(i >> 8), char(i)};
+}
+// A file name no other process uses (ctest runs tests side by side).
+inline std::string TempPath(const std::string& stem) {
+  static int serial = 0;
+  return testing::TempDir() + stem + "_" + std::to_string(getpid()) + "_" +
+         std::to_string(++serial);
+}
+// The trace lines that `run` writes, without their " at <time>" tails.
+template <class F>
+inline Lines Traced(F run) {
+  const std::string path = TempPath("trace");
+  trace = new Trace(path.c_str());
+  run();
+  delete trace;
+  trace = nullptr;
+  std::ifstream in(path);
+  Lines out;
+  for (std::string line; std::getline(in, line);)
+    out.push_back(line.substr(0, line.rfind(" at ")));
+  unlink(path.c_str());
+  return out;
+}
+
+// Every test starts from a fresh library with the callback logging.
+class Fresh : public testing::Test {
+ protected:
+  void SetUp() override {
+    CA_DEINIT();
+    g_now = 1000000;
+    CA_INIT(1);
+    CA_SETFREE(&Release);
+    released.clear();
+  }
+  void TearDown() override {
+    CA_DEINIT();
+    CA_SETFREE(nullptr);
+  }
+};
+
+#endif  // QMCACHE_TESTS_SUPPORT_H
