@@ -4,7 +4,6 @@
 
 #include <algorithm>
 #include <functional>
-#include <map>
 
 #include "support.h"
 
@@ -217,35 +216,6 @@ TEST(KeyTree, AMillionNodeChainNeedsNoStackAndClearAttrReachesItAll) {
               walked.back() == Key(n - 1));
   delete t.root;  // the destructor must not recurse
   t.root = nullptr;
-}
-
-// Keys over a small alphabet with zero bytes make many prefixes and repeats;
-// the tree agrees with an ordered map of the same order at every step.
-TEST(KeyTree, AgreesWithAnOrderedMapOfTheSameOrder) {
-  auto before = [](const std::string& a, const std::string& b) {
-    int r = memcmp(a.data(), b.data(), std::min(a.size(), b.size()));
-    return r != 0 ? r < 0 : a.size() > b.size();
-  };
-  std::map<std::string, BTree*, decltype(before)> model(before);
-  const char alphabet[] = {'\0', '\x01', 'a', '\x7f', '\x80', '\xff'};
-  unsigned seed = 12345;
-  auto next = [&] { return (seed = seed * 1103515245u + 12345u) >> 16; };
-  Tree t;
-  for (int i = 0; i < 3000; ++i) {
-    std::string k(next() % 5, '\0');
-    for (char& c : k) c = alphabet[next() % 6];
-    int existed = 0;
-    BTree* node = t.Insert(k, &existed);
-    EXPECT_EQ(existed, static_cast<int>(model.count(k)));
-    if (!existed) model[k] = node;
-    EXPECT_EQ(model[k], node);
-  }
-  int count = 0;
-  EXPECT_EQ(Printed(t.root, &count), "");
-  EXPECT_EQ(count, static_cast<int>(model.size()));
-  Lines keys;
-  for (auto& kv : model) keys.push_back(kv.first);
-  EXPECT_EQ(Walk(t.root, 0), keys);
 }
 
 }  // namespace

@@ -33,55 +33,48 @@ Change Set(F& field, V bad) {
           [&field, old] { field = old; }};
 }
 
-class StructureCheck : public testing::Test {
- protected:
-  void SetUp() override {
-    CA_INIT(1);
-    CA_SETCHECK(1);
+CACache* Cache(const std::string& name) {
+  return Open(name, 100u << 20)->cache;
+}
+void Store(CACache* c, const std::string& key) {
+  CA_INSERT(c->actions[0], 0, 0, 0, (int)key.size(), key.data(), 4, 4, "data");
+}
+// The verdict; `log` gets the report, one line per entry, and `cacheDump`
+// the dump of the cache. With trace id 0 the check gives the same verdict
+// and neither writes nor formats.
+std::string log;
+std::vector<unsigned char> cacheDump;
+int Check() {
+  memset(CACache::cache_buf, 'z', sizeof(CACache::cache_buf));
+  YBTRACE_Clear();
+  const int silent = CA_CHECKCACHE(0);
+  EXPECT_EQ(YBTRACE_Count(), 0u);
+  EXPECT_EQ(std::string(CACache::cache_buf, 512), std::string(512, 'z'));
+  const int verdict = CA_CHECKCACHE(9);
+  EXPECT_EQ(silent, verdict);
+  log.clear();
+  YBTRACE_Entry e;
+  for (size_t i = 0; YBTRACE_Get(i, &e); ++i) {
+    const std::string text(e.text, e.textLength);
+    log += e.kind == YBTRACE_KIND_TEXT ? text + "\n" : D(e.text, e.byteCount);
+    if (text == "CACache structure")
+      cacheDump.assign(e.bytes, e.bytes + e.byteCount);
+    EXPECT_EQ(e.traceId, 9u);
   }
+  return verdict;
+}
+
+struct StructureCheck : Fresh {
+  void SetUp() override { Fresh::SetUp(), CA_SETCHECK(1); }
   void TearDown() override {
-    CA_DEINIT();
-    CA_SETCHECK(0);
-    YBTRACE_Clear();
+    Fresh::TearDown(), CA_SETCHECK(0), YBTRACE_Clear();
   }
-  static CACache* Open(const std::string& name) {
-    CAParams params{};
-    params.maxBytes = 100u << 20;
-    return static_cast<CACacheAction*>(CA_CREATE(name.c_str(), &params))->cache;
-  }
-  static void Put(CACache* c, const std::string& key) {
-    CA_INSERT(c->actions[0], 0, 0, 0, (int)key.size(), key.data(), 4, 4,
-              "data");
-  }
-  // The verdict; `log` gets the report, one line per entry. With trace id 0
-  // the check must give the same verdict and neither write nor format.
-  int Check() {
-    memset(CACache::cache_buf, 'z', sizeof(CACache::cache_buf));
-    YBTRACE_Clear();
-    int silent = CA_CHECKCACHE(0);
-    EXPECT_EQ(0u, YBTRACE_Count());
-    EXPECT_EQ(std::string(512, 'z'), std::string(CACache::cache_buf, 512));
-    int verdict = CA_CHECKCACHE(9);
-    EXPECT_EQ(silent, verdict);
-    log.clear();
-    YBTRACE_Entry e;
-    for (size_t i = 0; YBTRACE_Get(i, &e); ++i) {
-      EXPECT_EQ(9u, e.traceId);
-      std::string text(e.text, e.textLength);
-      log += e.kind == YBTRACE_KIND_TEXT ? text + "\n" : D(e.text, e.byteCount);
-      if (text == "CACache structure")
-        cacheDump.assign(e.bytes, e.bytes + e.byteCount);
-    }
-    return verdict;
-  }
-  std::string log;
-  std::vector<unsigned char> cacheDump;
 };
 
 TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {
-  CACache* c = Open("c");
-  CACache* o = Open("o");
-  for (unsigned i = 0; i < 7; ++i) Put(c, Key(i));
+  CACache* c = Cache("c");
+  CACache* o = Cache("o");
+  for (unsigned i = 0; i < 7; ++i) Store(c, Key(i));
   CACacheAction* a = (CACacheAction*)CA_CREATE("c", nullptr);  // slot 1
   EXPECT_EQ(0, Check());
   EXPECT_EQ("", log);
@@ -176,59 +169,49 @@ TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {
   }
 }
 
-TEST_F(StructureCheck, AnswersOnlyWhenSwitchedOnAndInitialised) {
+TEST_F(StructureCheck, AnswersWhenOnAndBoundsNamesKeysAndHeights) {
   std::string name(700, 'w');  // its report line is cut, never overrun
-  CACache* x = Open(name);
+  CACache* x = Cache(name);
   x->magic[0] = '?';
-  EXPECT_EQ(0, CA_SETCHECK(0));
-  EXPECT_EQ(0, CA_CHECKCACHE(3));
-  EXPECT_EQ(0u, YBTRACE_Count());
-  EXPECT_EQ(1, CA_SETCHECK(5));
-  EXPECT_EQ(1, Check());
-  EXPECT_EQ(T("invalid CACache structure - name: '%s', address: %p",
+  EXPECT_EQ(CA_SETCHECK(0), 0);
+  EXPECT_EQ(CA_CHECKCACHE(3) + (int)YBTRACE_Count(), 0);
+  EXPECT_EQ(CA_SETCHECK(5), 1);
+  EXPECT_EQ(Check(), 1);
+  EXPECT_EQ(log.substr(0, 512),
+            T("invalid CACache structure - name: '%s', address: %p",
               name.c_str(), (void*)x)
                     .substr(0, 511) +
-                "\n",
-            log.substr(0, 512));
+                "\n");
   x->magic[0] = '%';
-  x->name[254] = '\0';  // else the name's length is a fault
-  EXPECT_EQ(0, Check());
-  CA_DEINIT();
-  EXPECT_EQ(0, CA_CHECKCACHE(3));
-  EXPECT_EQ(nullptr, MainStat);  // not initialised on demand
-}
-
-TEST_F(StructureCheck, BoundsOfNamesKeysAndHeights) {
-  Open(std::string(254, 'n'));
-  EXPECT_EQ(0, Check());
-  CACache* c = Open(std::string(255, 'n'));
-  EXPECT_EQ(1, Check());
-  EXPECT_EQ(T("CACache address: %p\n", (void*)c) +
-                D("CACache structure", sizeof(CACache)) +
-                "invalid CACache name\n" + D("CACache name", 255),
-            log);
-  c->name[254] = '\0';
-  CACache* k = Open("k");
-  Put(k, std::string(255, '\0'));
-  Put(k, "a");
-  EXPECT_EQ(0, Check());
-  k->tree->magic[2] = 'b';  // another fault: a 255-byte key is not dumped
-  EXPECT_EQ(1, Check());
-  EXPECT_EQ(std::string::npos, log.find("BTree key"));
+  x->name[255] = '\0';  // 255 characters: one too many
+  EXPECT_EQ(Check(), 1);
+  EXPECT_EQ(log, T("CACache address: %p\n", (void*)x) +
+                     D("CACache structure", sizeof(CACache)) +
+                     "invalid CACache name\n" + D("CACache name", 255));
+  x->name[254] = '\0';
+  CACache* k = Cache("k");
+  Store(k, std::string(255, '\0'));
+  Store(k, "a");
+  EXPECT_EQ(Check(), 0);
+  k->tree->magic[2] = 'b';  // a 255-byte key is not dumped, a 254-byte one is
+  EXPECT_TRUE(Check() == 1 && log.find("BTree key") == std::string::npos);
   k->tree->keyLength = 254;
-  EXPECT_EQ(1, Check());
-  EXPECT_NE(std::string::npos, log.find(D("BTree key", 254)));
+  EXPECT_TRUE(Check() == 1 &&
+              log.find(D("BTree key", 254)) != std::string::npos);
   k->tree->keyLength = 255;
   k->tree->magic[2] = 'B';
   // A zig-zag chain: the root's height is the node count less one.
   for (unsigned n : {2001u, 2002u}) {
-    CACache* chain = Open("chain" + std::to_string(n));
+    CACache* chain = Cache("chain" + std::to_string(n));
     for (unsigned i = 0; i < n; ++i)
-      Put(chain, Key(i % 2 ? n - 1 - i / 2 : i / 2));
-    EXPECT_EQ(n == 2001 ? 0 : 1, Check());
-    EXPECT_EQ(n == 2002, log.find(T("invalid BTree structure - address: %p\n",
-                                    (void*)chain->tree)) != std::string::npos);
+      Store(chain, Key(i % 2 ? n - 1 - i / 2 : i / 2));
+    EXPECT_EQ(Check(), n == 2002);
+    EXPECT_EQ(log.find(T("invalid BTree structure - address: %p\n",
+                         (void*)chain->tree)) != std::string::npos,
+              n == 2002);
   }
+  CA_DEINIT();
+  EXPECT_EQ(CA_CHECKCACHE(3) + (MainStat != nullptr), 0);  // not started
 }
 
 }  // namespace

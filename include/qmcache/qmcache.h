@@ -117,7 +117,10 @@ typedef struct CAQuery {
 
 /* Release callback: receives a record's flags, data size and data block just
  * before the record is destroyed, for records inserted with CAREC_CALLBACK.
- * It must not keep or free the block and must not call the library. */
+ * It must not keep or free the block. It may call the library again (store
+ * the data in a cache, the same one included, search, release, erase, list,
+ * close another handle), but must not close the handle of the call that is
+ * destroying the record, create caches or call CA_DEINIT. */
 typedef void (*CAFreeHandle)(int flags, unsigned long size, void* data);
 
 /* ---- Library ---------------------------------------------------------- */

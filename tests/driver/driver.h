@@ -39,54 +39,47 @@ inline time_t g_now = 1700000000;
 class Driver {
  public:
   // Choices from a splitmix64 generator, or from `bytes` (zeros after).
-  Driver(uint64_t seed, uint32_t maxBulk, uint32_t checkEvery)
-      : seed_(seed), maxBulk_(maxBulk), checkEvery_(checkEvery) {}
+  Driver(uint64_t seed, uint32_t maxBulk) : seed_(seed), maxBulk_(maxBulk) {}
   Driver(const uint8_t* bytes, size_t size, uint32_t maxBulk)
-      : bytes_(bytes), size_(size), maxBulk_(maxBulk), checkEvery_(64) {}
+      : bytes_(bytes), size_(size), maxBulk_(maxBulk) {}
 
   // Runs up to `steps` steps, tears everything down and releases the last
-  // holds. False on a failed check; `error()` says which.
+  // holds. False on a failed check; `error` says which.
   bool Run(uint64_t steps) {
     current_ = this;
     try {
       CA_DEINIT();
-      CA_INIT(1);
-      CA_SETCHECK(1);
+      CA_SETCHECK(CA_INIT(1));
       CA_SETFREE(&Released);
-      for (steps_ = 0; steps_ < steps && (!bytes_ || at_ < size_); ++steps_) {
+      for (step_ = 0; step_ < steps && (!bytes_ || at_ < size_); ++step_) {
         Step();
-        if (steps_ % checkEvery_ == 0) CheckAll();
+        if (step_ % 64 == 0) CheckAll();
       }
       CheckAll();
-      op_ = "shutdown";
       for (int s = 0; s < kCaches; ++s) handles_[s] = spares_[s] = nullptr;
       CA_DEINIT();
       void* late = CA_CREATE("late", nullptr);
       for (auto& hold : holds_) CA_FREE(late, hold.second);
       CA_DEINIT();
-      Expect(alive_.empty(), "records never called back");
-      Expect(emptySeen_ == emptyDue_, "dropped records not called back once");
+      Expect(alive_.empty() && emptySeen_ == emptyDue_, "callbacks missed");
     } catch (const std::string& message) {
-      error_ = message;
+      error = message;
     }
     current_ = nullptr;
     CA_SETFREE(nullptr);
-    return error_.empty();
+    return error.empty();
   }
-  const std::string& error() const { return error_; }
+  std::string error;
   uint64_t callbacks = 0, reentries = 0;  // the latter used the library
 
  private:
   static constexpr int kCaches = 3;
-  static constexpr unsigned int kBudgets[kCaches] = {600, 5000, 0};
 
   uint32_t Below(uint32_t n) {
-    uint64_t z;
-    if (bytes_ != nullptr) {
-      z = at_ < size_ ? bytes_[at_] : 0;
-      if (n > 256) z = z << 8 | (at_ + 1 < size_ ? bytes_[at_ + 1] : 0), at_++;
-      at_++;
-    } else {
+    uint64_t z = 0;
+    for (int i = n > 256 ? 2 : 1; bytes_ != nullptr && i > 0; --i, ++at_)
+      z = z << 8 | (at_ < size_ ? bytes_[at_] : 0);
+    if (bytes_ == nullptr) {
       z = (seed_ += 0x9E3779B97F4A7C15ULL);
       z = (z ^ (z >> 30)) * 0xBF58476D1CE4E5B9ULL;
       z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
@@ -96,67 +89,57 @@ class Driver {
   }
   bool Percent(uint32_t p) { return Below(100) < p; }
   void Expect(bool ok, const std::string& what) {
-    if (!ok) throw "step " + std::to_string(steps_) + " (" + op_ + "): " + what;
+    if (!ok) throw "step " + std::to_string(step_) + " " + op_ + ": " + what;
   }
   CACache* CacheOf(int slot) {
     auto* h = static_cast<CACacheAction*>(handles_[slot]);
-    return h == nullptr ? nullptr : h->cache;
+    return h ? h->cache : nullptr;
   }
-  // The node of `key` in the slot's cache (no hit counted), or null.
-  BTree* NodeOf(int slot, const std::string& key) {
+  // The key's record, found by the tree's own descent (no hit counted).
+  void* RecordOf(int slot, const std::string& key, bool* node = nullptr) {
     CACache* c = CacheOf(slot);
     auto* bytes =
         reinterpret_cast<unsigned char*>(const_cast<char*>(key.data()));
-    return c && c->tree ? c->tree->Search(bytes, key.size()) : nullptr;
-  }
-  void* RecordOf(int slot, const std::string& key) {
-    BTree* n = NodeOf(slot, key);
+    BTree* n = c && c->tree ? c->tree->Search(bytes, key.size()) : nullptr;
+    if (node != nullptr) *node = n != nullptr;
     return n ? n->payload : nullptr;
   }
-  int Records(CACache* c) {
-    int records = 0;
+  // The records in the tree and the bytes they charge.
+  std::pair<int, unsigned int> Tree(CACache* c) {
+    std::pair<int, unsigned int> sum{0, 0};
     BTreeNumerator walk(c->tree, 0);
     for (BTree* n; (n = walk.Next()) != nullptr;)
-      records += n->payload != nullptr;
-    return records;
+      if (auto* r = static_cast<CARecord*>(n->payload))
+        sum.first++, sum.second += r->length;
+    return sum;
   }
-
-  // ---- What a cache states about itself -----------------------------------
 
   void CheckCounters(int slot) {
     CACache* c = CacheOf(slot);
     if (c == nullptr) return;
-    unsigned int nodes = 0, bytes = 0;
-    BTreeNumerator walk(c->tree, 0);
-    for (BTree* n; (n = walk.Next()) != nullptr; ++nodes)
-      if (n->payload) bytes += static_cast<CARecord*>(n->payload)->length;
+    auto [records, bytes] = Tree(c);
     std::unordered_set<void*> counted;  // held records out of the tree
     for (auto& hold : holds_) {
       auto* r = static_cast<CARecord*>(hold.second);
-      if (r->node == nullptr && r->cache == c && counted.insert(r).second)
-        bytes += static_cast<unsigned int>(r->length);
+      if (!r->node && r->cache == c && counted.insert(r).second)
+        bytes += r->length;
     }
     // Beyond the records, `usedNodes` counts the inserts of size 0 since the
     // last rebuild (or since the cache was made).
-    const long drift = static_cast<long>(c->params.usedNodes) - Records(c);
+    const long drift = static_cast<long>(c->params.usedNodes) - records;
     const long dropped = std::exchange(dropped_[slot], 0);
-    Expect(
-        nodes == c->params.nodes && bytes == c->params.allocated &&
-            (drift == drift_[slot] + dropped ||
-             (drift >= 0 && drift <= dropped)),
-        "cache " + std::to_string(slot) + ": counters disagree with the tree");
+    Expect(bytes == c->params.allocated && (drift == drift_[slot] + dropped ||
+                                            (drift >= 0 && drift <= dropped)),
+           "counters of cache " + std::to_string(slot));
     drift_[slot] = drift;
   }
 
   void CheckAll() {
-    if (CA_CHECKCACHE(0) != 0) {
-      YBTRACE_Clear();
-      CA_CHECKCACHE(1);
-      std::string report;
-      YBTRACE_Entry e;
-      for (size_t i = 0; YBTRACE_Get(i, &e); ++i)
-        if (e.kind == YBTRACE_KIND_TEXT) report += std::string(e.text) + "; ";
-      Expect(false, "the structure check reports " + report);
+    YBTRACE_Clear();
+    if (CA_CHECKCACHE(1) != 0) {
+      YBTRACE_Entry e{};
+      YBTRACE_Get(0, &e);
+      Expect(false, std::string("structure check: ") + e.text);
     }
     for (int s = 0; s < kCaches; ++s) {
       CheckCounters(s);
@@ -170,43 +153,38 @@ class Driver {
       fflush(stdout);
       dup2(saved, 1);
       close(saved);
-      const long printed = lseek(fileno(out), 0, SEEK_END);
+      Expect(lseek(fileno(out), 0, SEEK_END) == 0 &&
+                 counted == static_cast<int>(c->params.nodes),
+             "self-check of cache " + std::to_string(s));
       fclose(out);
-      Expect(printed == 0 && counted == static_cast<int>(c->params.nodes),
-             "the tree's self-check complains");
     }
   }
 
-  // ---- Records
-  // ---------------------------------------------------------------
-
-  void* Opened(int slot) {
-    if (handles_[slot] != nullptr) return handles_[slot];
+  void* Open(int slot) {
     CAParams p{};
-    p.maxBytes = kBudgets[slot];
-    return handles_[slot] =
-               CA_CREATE(("cache" + std::to_string(slot)).c_str(), &p);
+    p.maxBytes = slot == 0 ? 600 : slot == 1 ? 5000 : 0;
+    return CA_CREATE(("cache" + std::to_string(slot)).c_str(), &p);
+  }
+  void* Opened(int slot) {
+    return handles_[slot] ? handles_[slot] : (handles_[slot] = Open(slot));
   }
   // Keys of 1 to 255 bytes: the structure check reports any other length.
   std::string RandomKey() { return "k" + std::to_string(Below(40)); }
 
-  // Stores a record whose data names it (serial, slot, key); returns the
-  // insert's result and the serial.
-  std::pair<int, uint64_t> Store(int slot, const std::string& key, int flags,
-                                 bool empty = false, int length = -1) {
+  // Stores a record whose data names it (serial, slot, key).
+  int Store(int slot, const std::string& key, int flags, bool empty = false,
+            int length = -1) {
     const uint64_t serial = ++serial_;
     const std::string data =
         std::string(reinterpret_cast<const char*>(&serial), 8) +
         static_cast<char>(slot) + key;
     if (flags & CAREC_CALLBACK) empty ? emptyDue_++ : alive_[serial]++;
     dropped_[slot] += empty;
-    const int tag = static_cast<int>(Below(11)) - 5,
-              life = static_cast<int>(Below(7)) - 2;
-    const int r = CA_INSERT(
-        Opened(slot), tag, flags, life, static_cast<int>(key.size()),
+    return CA_INSERT(
+        Opened(slot), static_cast<int>(Below(11)) - 5, flags,
+        static_cast<int>(Below(7)) - 2, static_cast<int>(key.size()),
         key.data(), empty ? 0 : static_cast<int>(data.size()),
         length >= 0 ? length : static_cast<int>(Below(301)), data.data());
-    return {r, serial};
   }
 
   static void Released(int flags, unsigned long size, void* data) {
@@ -229,12 +207,9 @@ class Driver {
     const int other = static_cast<int>(Below(kCaches));
     void* h = handles_[other];
     const std::string any = RandomKey();
-    const bool free =
-        h != nullptr && !(other == guardSlot_ && any == guardKey_);
-    void* found = nullptr;
-    CAQuery q;
+    const bool free = h && !(other == guardSlot_ && any == guardKey_);
     int count;
-    switch (Below(6)) {
+    switch (Below(5)) {
       case 0:  // moved back under its own key, unless the driver erases it
         if (handles_[slot] &&
             !(erasing_ && slot == guardSlot_ && key == guardKey_))
@@ -244,126 +219,101 @@ class Driver {
         if (free) Store(other, any, CAREC_CALLBACK);
         break;
       case 2:
-        if (free)
-          CA_ERASE(h,
-                   CA_SEARCH(h, 0, static_cast<int>(any.size()), any.data()));
+        if (free) CA_ERASE(h, CA_SEARCH(h, 0, (int)any.size(), any.data()));
         break;
       case 3:
-        if (h != nullptr) CA_LIST_FREE(h, CA_LIST(h, &count));
-        break;
-      case 4:
-        if (spares_[other] != nullptr)
-          CA_CLOSE(std::exchange(spares_[other], nullptr));
+        if (h) CA_LIST_FREE(h, CA_LIST(h, &count));
         break;
       default:
-        if (h != nullptr)
-          found = CA_SEARCH(h, 0, static_cast<int>(any.size()), any.data());
-        Expect(found == nullptr || CA_QUERY(h, found, &q) == 1, "query");
-        CA_FREE(h, found);
+        if (spares_[other]) CA_CLOSE(std::exchange(spares_[other], nullptr));
     }
     depth_--;
   }
-
-  // ---- Steps ---------------------------------------------------------------
 
   void Step() {
     const int slot = static_cast<int>(Below(kCaches));
     void* h = Opened(slot);
     const std::string key = RandomKey();
     const uint32_t op = Below(20);
-    if (op < 5) {
-      op_ = "insert";
+    op_ = std::to_string(op);
+    if (op < 5) {  // insert
       const int flags = (Percent(90) ? CAREC_CALLBACK : 0) |
                         (Percent(10) ? CAREC_PINNED : 0) |
                         (Percent(15) ? CAREC_EXPIRES : 0);
-      const bool empty = Percent(5), existed = NodeOf(slot, key) != nullptr;
+      const bool empty = Percent(5);
+      bool existed;
+      RecordOf(slot, key, &existed);
       guardSlot_ = slot, guardKey_ = key, erasing_ = false;
-      auto [result, serial] = Store(slot, key, flags, empty);
+      const uint64_t mine = serial_ + 1;
+      Expect(Store(slot, key, flags, empty) == !existed, "insert's result");
       guardSlot_ = -1;
-      Expect(result == (existed ? 0 : 1), "the insert's result");
       auto* r = static_cast<CARecord*>(RecordOf(slot, key));
-      Expect(empty
-                 ? r == nullptr
-                 : (flags & CAREC_EXPIRES) ||  // an expired one may go at once
-                       (r && memcmp(r->data, &serial, 8) == 0),
-             "the stored record is not the key's");
-    } else if (op < 9) {
-      op_ = "search";
+      Expect(empty ? r == nullptr
+                   : (flags & CAREC_EXPIRES) ||  // an expired one may go now
+                         (r && memcmp(r->data, &mine, 8) == 0),
+             "the key's record is not the one just stored");
+    } else if (op < 9) {  // search
       static const int kAges[] = {0, 0, 0, 1, 2, -1};
-      void* r = CA_SEARCH(h, kAges[Below(6)], static_cast<int>(key.size()),
-                          key.data());
-      Expect(r == nullptr || r == RecordOf(slot, key), "found another record");
-      if (r != nullptr && Percent(50)) {
+      void* r = CA_SEARCH(h, kAges[Below(6)], (int)key.size(), key.data());
+      CAQuery q;
+      Expect(!r || (r == RecordOf(slot, key) && CA_QUERY(h, r, &q) == 1),
+             "the search found another record");
+      if (r && Percent(50)) {
         holds_.push_back({slot, r});
       } else {
         CA_FREE(h, r);
       }
-    } else if (op < 12 && !holds_.empty()) {
+    } else if (op < 12 && !holds_.empty()) {  // give back a hold
       const size_t i = Below(static_cast<uint32_t>(holds_.size()));
       const auto [heldIn, held] = holds_[i];
       auto* r = static_cast<CARecord*>(held);
       holds_.erase(holds_.begin() + static_cast<long>(i));
       CAQuery q;
-      Expect(
-          CA_QUERY(h, r, &q) == 1 && (q.key == nullptr) == (r->node == nullptr),
-          "query of a held record");
-      op_ = Percent(50) ? "free" : "erase";
-      if (op_[0] == 'f') return CA_FREE(h, r);
-      const bool attached = r->node != nullptr && r->cache == CacheOf(heldIn);
+      Expect(CA_QUERY(h, r, &q) == 1 && (!q.key) == (!r->node), "query");
+      if (Percent(50)) return CA_FREE(h, r);
+      const bool attached = r->node && r->cache == CacheOf(heldIn);
       guardSlot_ = attached ? heldIn : -1, erasing_ = true;
       guardKey_.assign(static_cast<char*>(q.key), q.keyLength);
       CA_ERASE(h, r);
       guardSlot_ = -1;
-      Expect(!attached || RecordOf(heldIn, guardKey_) == nullptr,
-             "erased key found");
-    } else if (op == 12) {
-      op_ = "list";
+      Expect(!attached || !RecordOf(heldIn, guardKey_), "erased key found");
+    } else if (op == 12) {  // list, and erase a listed record nobody holds
       int count = -1;
       void** list = CA_LIST(h, &count);
-      Expect(count == Records(CacheOf(slot)), "the list misses records");
+      Expect(count == Tree(CacheOf(slot)).first, "the list misses records");
       void* r = count > 0 ? list[Below(count)] : nullptr;
       for (auto& hold : holds_) r = hold.second == r ? nullptr : r;
-      if (r != nullptr && Percent(50)) CA_ERASE(h, r);  // not held: destroyed
+      if (r && Percent(50)) CA_ERASE(h, r);
       CA_LIST_FREE(h, list);
     } else if (op == 13) {
-      op_ = "clock";
       g_now += Percent(10) ? -2 : Below(4);
-    } else if (op == 14) {
-      op_ = "bulk";  // now and then past the rebuild's 20,000 free nodes
+    } else if (op == 14) {  // now and then past 20,000 free nodes
       const uint32_t n = Percent(20) ? maxBulk_ : Below(200) + 1;
       const std::string base = "b" + std::to_string(Below(1000000)) + ".";
       for (uint32_t i = 0; i < n; ++i) {
         const std::string k = base + std::to_string(i);
         Store(slot, k, 0, false, 0);
-        CA_ERASE(h, CA_SEARCH(h, 0, static_cast<int>(k.size()), k.data()));
+        CA_ERASE(h, CA_SEARCH(h, 0, (int)k.size(), k.data()));
       }
-    } else if (op == 15) {
-      op_ = "spare";
-      if (spares_[slot] != nullptr) {
+    } else if (op == 15) {  // a second handle: open, or close it
+      if (!spares_[slot])
+        spares_[slot] = Open(slot);
+      else
         CA_CLOSE(std::exchange(spares_[slot], nullptr));
-      } else {
-        CAParams p{};
-        p.maxBytes = kBudgets[slot];
-        spares_[slot] = CA_CREATE(("cache" + std::to_string(slot)).c_str(), &p);
-      }
     } else if (op == 16 && Percent(20)) {
-      op_ = "close";
       CA_CLOSE(std::exchange(handles_[slot], nullptr));
     } else if (op == 17 && Percent(10)) {
-      op_ = "deinit";
       for (int s = 0; s < kCaches; ++s) handles_[s] = spares_[s] = nullptr;
       CA_DEINIT();
       CA_INIT(static_cast<int>(Below(2)));
     } else {
-      op_ = "stat";
       CAParams p;
       _CAStat s;
       Expect(CA_GETCACHESTAT(h, &p) == 1 &&
-                 CA_GETSTAT(Percent(50) ? h : nullptr,
-                            static_cast<int>(Below(8)), &s) == 1,
+                 CA_GETSTAT(Percent(50) ? h : nullptr, (int)Below(8), &s) == 1,
              "statistics");
     }
-    if (CacheOf(slot) != nullptr && CacheOf(slot)->params.nodes < 3000)
+    if (CacheOf(slot) && CacheOf(slot)->params.nodes < 3000)
       CheckCounters(slot);
   }
 
@@ -371,9 +321,9 @@ class Driver {
   uint64_t seed_ = 0;
   const uint8_t* bytes_ = nullptr;
   size_t size_ = 0, at_ = 0;
-  const uint32_t maxBulk_, checkEvery_;
-  uint64_t steps_ = 0, serial_ = 0, emptyDue_ = 0, emptySeen_ = 0;
-  const char* op_ = "start";
+  const uint32_t maxBulk_;
+  uint64_t step_ = 0, serial_ = 0, emptyDue_ = 0, emptySeen_ = 0;
+  std::string op_;
   void* handles_[kCaches] = {};
   void* spares_[kCaches] = {};
   std::vector<std::pair<int, void*>> holds_;
@@ -385,7 +335,6 @@ class Driver {
   int guardSlot_ = -1;
   std::string guardKey_;
   bool erasing_ = false;
-  std::string error_;
 };
 
 }  // namespace qmdriver

@@ -22,10 +22,9 @@ int main(int argc, char** argv) {
                                            : 22000;
   for (unsigned long long seed = strtoull(argv[1], nullptr, 10); seed <= last;
        ++seed) {
-    qmdriver::Driver driver(seed, static_cast<uint32_t>(bulk), 200);
+    qmdriver::Driver driver(seed, static_cast<uint32_t>(bulk));
     if (!driver.Run(steps))
-      return fprintf(stderr, "seed %llu: %s\n", seed, driver.error().c_str()),
-             1;
+      return fprintf(stderr, "seed %llu: %s\n", seed, driver.error.c_str()), 1;
     printf("seed %llu: %llu steps ok, %llu callbacks, %llu re-entered\n", seed,
            steps, (unsigned long long)driver.callbacks,
            (unsigned long long)driver.reentries);
