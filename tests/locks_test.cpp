@@ -26,13 +26,8 @@ bool Blocked(std::future<T>& f) {  // still running after 30 ms
   return f.wait_for(std::chrono::milliseconds(30)) != std::future_status::ready;
 }
 int Load(const int& v) { return __atomic_load_n(&v, __ATOMIC_SEQ_CST); }
-// m.Enter(ms) on another thread, which leaves again at once.
-std::future<int> EnterElsewhere(CAMutex& m, int ms) {
-  return Elsewhere([&m, ms] {
-    const int rc = m.Enter(ms);
-    if (rc == 1) m.Exit();
-    return rc;
-  });
+std::future<int> EnterElsewhere(CAMutex& m, int ms) {  // and leave at once
+  return Elsewhere([&m, ms] { return m.Enter(ms) == 1 ? (m.Exit(), 1) : 0; });
 }
 
 TEST(Locks, SingleThreadedModeGrantsEveryWaitAndLockWithoutLocking) {
@@ -51,20 +46,18 @@ TEST(Locks, SetStaysSetPostReleasesOneWaitClearTimesOut) {
   CAEvent e;
   EXPECT_EQ(e.Wait(0) + e.Wait(20), 0);
   e.Set();
-  for (int ms : {-1, 0, 10}) EXPECT_EQ(e.Wait(ms), 1);
-  e.Reset();
-  EXPECT_EQ(e.Wait(0), 0);
-  e.Post();
+  EXPECT_EQ(e.Wait(-1) + e.Wait(0) + e.Wait(10), 3);
+  e.Reset(), e.Post();
   EXPECT_EQ(e.Wait(-1), 1);
   EXPECT_EQ(e.Wait(0), 0);  // a post is consumed
   std::atomic<int> done{0};
   auto wait = [&](int ms) {
-    const int r = e.Wait(ms);
-    done++;
-    return r;
+    return [&, ms] {
+      const int r = e.Wait(ms);
+      return done++, r;
+    };
   };
-  auto untimed = Elsewhere([&] { return wait(-1); });
-  auto timed = Elsewhere([&] { return wait(5000); });
+  auto untimed = Elsewhere(wait(-1)), timed = Elsewhere(wait(5000));
   CASleep(50);
   e.Post();  // releases one blocked waiter; a set the other
   EXPECT_TRUE(Eventually([&] { return done == 1; }));
@@ -74,13 +67,12 @@ TEST(Locks, SetStaysSetPostReleasesOneWaitClearTimesOut) {
   EXPECT_EQ(untimed.get() + timed.get(), 2);
 }
 
-TEST(Locks, AMutexIsRecursiveExcludesOthersAndTimesOutOnlyWhenHeld) {
+TEST(Locks, AMutexIsRecursiveExcludesOthersAndTimesOutOnlyWhileHeld) {
   CAMutex m;
-  EXPECT_EQ(m.Enter(-1) + m.Enter(0) + m.Enter(50), 3);
-  EXPECT_EQ(EnterElsewhere(m, 0).get(), -1);  // busy is a failure, not 0
+  EXPECT_TRUE(m.Enter(-1) == 1 && m.Enter(0) == 1 && m.Enter(50) == 1);
   EXPECT_EQ(EnterElsewhere(m, 30).get(), 0);
-  m.Exit();
-  m.Exit();
+  EXPECT_EQ(Elsewhere([&] { return m.Enter(0); }).get(), -1);  // busy: -1
+  m.Exit(), m.Exit();
   auto untimed = EnterElsewhere(m, -1), timed = EnterElsewhere(m, 5000);
   EXPECT_TRUE(Blocked(untimed) && Blocked(timed));
   m.Exit();
@@ -97,36 +89,33 @@ TEST(Locks, AMutexIsRecursiveExcludesOthersAndTimesOutOnlyWhenHeld) {
   EXPECT_EQ(timed.get(), 1);
 }
 
-TEST(Locks, UniEnterWaitsForSharersToDrainAndExcludesNewOnes) {
+TEST(Locks, TheGateWaitsForSharersToDrainAndKeepsNewOnesOut) {
   CAUniq g;
   std::atomic<int> leaving{0}, uni{99};
-  std::atomic<bool> endUni{false};
   std::vector<std::future<void>> sharers;
-  for (int i = 0; i < 3; ++i) {
+  for (int i = 0; i < 2; ++i)
     sharers.push_back(Elsewhere([&, i] {
       g.Enter();
       while (leaving <= i) CASleep(1);
       g.Exit();
     }));
-  }
-  EXPECT_TRUE(Eventually([&] { return Load(g.sharers) == 3; }));
+  EXPECT_TRUE(Eventually([&] { return Load(g.sharers) == 2; }));
   auto exclusive = Elsewhere([&] {
     uni = g.UniEnter();
-    while (!endUni) CASleep(1);
+    while (leaving < 3) CASleep(1);
     g.UniExit();
   });
   EXPECT_TRUE(Eventually([&] { return Load(g.uniWaiting) == 1; }));
   auto newcomer = Elsewhere([&] { g.Enter(), g.Exit(); });
-  leaving = 2;
+  leaving = 1;
   EXPECT_TRUE(Eventually([&] { return Load(g.sharers) == 1; }));
   CASleep(10);
   EXPECT_EQ(uni.load(), 99) << "exclusive with a sharer inside";
-  leaving = 3;
+  leaving = 2;
   EXPECT_TRUE(Eventually([&] { return uni == 1; }));
   EXPECT_TRUE(Blocked(newcomer)) << "a sharer entered during exclusive use";
-  endUni = true;
+  leaving = 3;
   newcomer.get();
-  EXPECT_EQ(Load(g.sharers), 0);
 }
 
 TEST(Locks, StressKeepsGateAndMutexExclusive) {
@@ -135,18 +124,13 @@ TEST(Locks, StressKeepsGateAndMutexExclusive) {
   long counter = 0;  // guarded by m alone
   std::atomic<int> shared{0}, exclusive{0};
   std::vector<std::future<void>> threads;
-  for (int t = 0; t < 4; ++t) {
+  for (int t = 0; t < 4; ++t)
     threads.push_back(Elsewhere([&] {
       for (int i = 0; i < 300; ++i) {
-        g.Enter();
-        shared++;
-        std::this_thread::yield();
-        shared--;
-        g.Exit();
+        g.Enter(), shared++, std::this_thread::yield(), shared--, g.Exit();
         EXPECT_EQ(g.UniEnter(), 1);
         EXPECT_TRUE(exclusive++ == 0 && shared == 0) << "not exclusive";
-        exclusive--;
-        g.UniExit();
+        exclusive--, g.UniExit();
         // Every hold is short: a timed entry that gives up has lost the
         // wake-up of an Exit, or timed out while the mutex was free.
         ASSERT_EQ(m.Enter(i % 2 ? 5000 : -1), 1);
@@ -156,7 +140,6 @@ TEST(Locks, StressKeepsGateAndMutexExclusive) {
         m.Exit();
       }
     }));
-  }
   for (auto& th : threads) th.get();
   EXPECT_EQ(counter, 4 * 300);
 }
@@ -166,12 +149,10 @@ struct Worker : CAThread {
   explicit Worker(bool stubborn) : stubborn(stubborn) {}
   ~Worker() override { Stop(); }
   void Procedure() override {
-    runs++;
-    while (stubborn || Load(stopRequest) == 0) beats++, CASleep(2);
+    for (runs++; stubborn || Load(stopRequest) == 0; beats++) CASleep(2);
   }
   const bool stubborn;
-  std::atomic<int> runs{0};
-  std::atomic<long> beats{0};
+  std::atomic<int> runs{0}, beats{0};
 };
 
 TEST(Threads, AStopIsCooperativeUntilItsTimeOutThenCancels) {
@@ -198,7 +179,7 @@ TEST(Threads, AStopIsCooperativeUntilItsTimeOutThenCancels) {
     EXPECT_GE(std::chrono::steady_clock::now() - begin,
               std::chrono::milliseconds(timeout > 0 ? 200 : 100));
     EXPECT_TRUE(Load(stubborn.runState) == 1 && stubborn.thread == nullptr);
-    const long beats = stubborn.beats;
+    const int beats = stubborn.beats;
     CASleep(30);
     EXPECT_EQ(stubborn.beats.load(), beats) << "still runs";
   }

@@ -150,7 +150,13 @@ TEST_F(Store, AListIsThePreorderOfEveryRecordInTheTree) {
                 std::to_string(Query(h, list[1]).hits),
             "131");             // listing takes no hold
   EXPECT_EQ(list[2], nullptr);  // one entry per node
-  CA_ERASE(h, list[1]);         // not held: destroyed at once
+  CACache* c = static_cast<CACacheAction*>(h)->cache;
+  BTreeNumerator* it = nullptr;  // First/Next walk every node in key order
+  std::string order;
+  for (BTree* n = c->First(&it); n != nullptr; n = c->Next(&it))
+    order += KeyOf(n) + (n->payload ? "," : "-,");
+  EXPECT_EQ(order + (it ? "!" : ""), "1,2-,3,");
+  CA_ERASE(h, list[1]);  // not held: destroyed at once
   EXPECT_EQ(released, (Lines{"2", "3"}));
   CA_LIST_FREE(h, list);
 }

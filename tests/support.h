@@ -17,8 +17,7 @@
 
 time_t g_now = 1000000;
 extern "C" __attribute__((visibility("default"))) time_t time(time_t* t) {
-  if (t != nullptr) *t = g_now;
-  return g_now;
+  return t != nullptr ? *t = g_now : g_now;
 }
 
 using Lines = std::vector<std::string>;
@@ -27,25 +26,23 @@ using Ints = std::vector<long>;
 // The data of every record destroyed with CAREC_CALLBACK, in order.
 inline Lines released;
 inline void Release(int, unsigned long size, void* data) {
-  released.push_back(
-      data == nullptr ? "<none>" : std::string(static_cast<char*>(data), size));
+  released.push_back(data ? std::string((char*)data, size) : "<none>");
 }
 
-inline CACacheAction* Open(const std::string& name, unsigned int maxBytes = 0) {
+inline CACacheAction* Open(const std::string& name, unsigned maxBytes = 0) {
   CAParams p{};
   p.maxBytes = maxBytes;
   return static_cast<CACacheAction*>(CA_CREATE(name.c_str(), &p));
 }
 // Stores `value` under `key`, charging `length` (default: the value's size).
 inline int Put(void* h, const std::string& key, const std::string& value = "v",
-               int length = -1, int flags = CAREC_CALLBACK, int lifetime = 0) {
-  return CA_INSERT(h, 7, flags, lifetime, static_cast<int>(key.size()),
-                   key.data(), static_cast<int>(value.size()),
-                   length < 0 ? static_cast<int>(value.size()) : length,
+               int length = -1, int flags = CAREC_CALLBACK, int life = 0) {
+  return CA_INSERT(h, 7, flags, life, (int)key.size(), key.data(),
+                   (int)value.size(), length < 0 ? (int)value.size() : length,
                    value.data());
 }
 inline void* Hold(void* h, const std::string& key, int maxAge = 0) {
-  return CA_SEARCH(h, maxAge, static_cast<int>(key.size()), key.data());
+  return CA_SEARCH(h, maxAge, (int)key.size(), key.data());
 }
 inline CAQuery Query(void* h, void* record) {
   CAQuery q{};
@@ -58,7 +55,7 @@ inline std::string Get(void* h, const std::string& key) {
   if (r == nullptr) return "-";
   CAQuery q = Query(h, r);
   CA_FREE(h, r);
-  return std::string(static_cast<char*>(q.data), q.dataLength);
+  return std::string((char*)q.data, q.dataLength);
 }
 inline void Erase(void* h, const std::string& key) {
   CA_ERASE(h, Hold(h, key));
@@ -72,26 +69,25 @@ inline CAParams Params(void* h) {
 inline long Count(void* h, int slot) {
   _CAStat s{};
   CA_GETSTAT(h, slot, &s);
-  return static_cast<long>(s.count);
+  return (long)s.count;
 }
 inline std::string KeyOf(const BTree* n) {
-  return std::string(reinterpret_cast<const char*>(n->key), n->keyLength);
+  return std::string((const char*)n->key, n->keyLength);
 }
 inline BTree* NodeOf(void* h, const std::string& key) {
   BTree* root = static_cast<CACacheAction*>(h)->cache->tree;
-  auto* bytes = reinterpret_cast<unsigned char*>(const_cast<char*>(key.data()));
-  return root == nullptr ? nullptr : root->Search(bytes, key.size());
+  return root ? root->Search((unsigned char*)key.data(), key.size()) : nullptr;
 }
 // Keys that carry a record, in tree order.
 inline Lines Keys(void* h) {
   Lines keys;
   BTreeNumerator walk(static_cast<CACacheAction*>(h)->cache->tree, 0);
-  for (BTree* n = walk.Next(); n != nullptr; n = walk.Next())
+  for (BTree* n; (n = walk.Next()) != nullptr;)
     if (n->payload != nullptr) keys.push_back(KeyOf(n));
   return keys;
 }
 // A 4-byte big-endian key: tree order is numeric order.
-inline std::string Key(unsigned int i) {
+inline std::string Key(unsigned i) {
   return {char(i >> 24), char(i >> 16), char(i >> 8), char(i)};
 }
 // A file name no other process uses (ctest runs tests side by side).
@@ -117,8 +113,7 @@ inline Lines Traced(F run) {
 }
 
 // Every test starts from a fresh library with the callback logging.
-class Fresh : public testing::Test {
- protected:
+struct Fresh : testing::Test {
   void SetUp() override {
     CA_DEINIT();
     g_now = 1000000;
@@ -126,10 +121,7 @@ class Fresh : public testing::Test {
     CA_SETFREE(&Release);
     released.clear();
   }
-  void TearDown() override {
-    CA_DEINIT();
-    CA_SETFREE(nullptr);
-  }
+  void TearDown() override { CA_DEINIT(), CA_SETFREE(nullptr); }
 };
 
 #endif  // QMCACHE_TESTS_SUPPORT_H
