@@ -63,7 +63,8 @@ bool CallsBack(const CARecord* record) {
 
 }  // namespace
 
-// ---- The handle table and the private state in front of it -----------------
+// ---- A cache's private state: its key index, and the handle table block it
+//      hangs in front of ------------------------------------------------
 
 BTree* FindNode(CACache* cache, const unsigned char* key,
                 unsigned long keyLength) {
