@@ -313,11 +313,11 @@ int CAFree::Compress(CACacheAction* action) {
   }
 #ifndef NDEBUG
   // The walk is the numerator's, and one that was skipped would have found
-  // nothing. Checked on every pass over a small tree, and on every 64th over
+  // nothing. Checked on every pass over a small tree, and on every 1024th over
   // a large one, so that a debug build stays usable where skips are the
   // rule.
   static unsigned long passes = 0;
-  if (cache->params.nodes <= 4096 || ++passes % 64 == 0) {
+  if (cache->params.nodes <= 1024 || ++passes % 1024 == 0) {
     CheckWalkOrder(cache);
     BTreeNumerator* walk = nullptr;
     for (BTree* node = cache->First(&walk); stillQuiet && node != nullptr;
