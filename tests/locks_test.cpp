@@ -169,9 +169,10 @@ TEST(Threads, AStopIsCooperativeUntilItsTimeOutThenCancels) {
   CAThread never;
   never.Stop();  // returns at once
   EXPECT_TRUE(never.runState == -1 && never.stopRequest == 0);
-  for (int timeout : {150, -100}) {  // -100 or less: no wait at all
-    Worker stubborn(true);
-    stubborn.stopTimeout = timeout;
+  Worker slow(true), quick(true);  // made before any thread starts
+  for (Worker* w : {&slow, &quick}) {
+    Worker& stubborn = *w;
+    const int timeout = stubborn.stopTimeout = w == &slow ? 150 : -100;
     stubborn.Start(0, nullptr);
     ASSERT_TRUE(Eventually([&] { return stubborn.beats > 0; }));
     const auto begin = std::chrono::steady_clock::now();
