@@ -260,6 +260,7 @@ BTree* InsertWith(BTree* n, unsigned char* key, unsigned long keyLength,
     // fetched while this key is compared: a descent in a large tree is
     // bound by the memory latency of each level.
     for (BTree* child : {n->left, n->right}) {
+      if (child == nullptr) continue;
       __builtin_prefetch(child);
       __builtin_prefetch(reinterpret_cast<char*>(child) + 64);
     }

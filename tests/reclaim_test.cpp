@@ -124,6 +124,10 @@ TEST_F(Reclaim, APassErasesTheWorstGradedAboveTheMarkOnceBudgetIsPassed) {
   EXPECT_EQ(Traced([&] { EXPECT_EQ(cafree->Compress(h), 1); }), Lines{});
   Put(h, "e", "v", 1);  // one byte above it, the old "c" goes
   EXPECT_EQ(Erased(Traced([&] { cafree->Compress(h); })), Ints{60});
+  CACacheAction* short1 = Open("short", 1000);  // 100 to delete, 99 there
+  PutAll(short1, "a:60 b:39", 10), PutAll(short1, "p:901:P");
+  EXPECT_EQ(cafree->Compress(short1), 0);
+  EXPECT_EQ(Keys(short1), Lines{"p"});
   // The trigger fires one byte above the budget, not at it, and neither
   // while a pass runs nor without a controller.
   CACacheAction* t = Open("default");

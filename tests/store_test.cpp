@@ -55,6 +55,8 @@ TEST_F(Store, ACacheIsSharedByNameAndLivesWhileAHandleDoes) {
   for (int i = 0; i < c->actionSlots; ++i)
     if (c->actions[i] != nullptr && c->actions[i] != a) CA_CLOSE(c->actions[i]);
   EXPECT_TRUE(released.empty());
+  CACache::Delete((char*)"c");  // a cache with a handle is left alone
+  EXPECT_EQ(Counters(a), "0 10 1 1");
   CA_CLOSE(a);  // the last handle: the cache and its records go
   EXPECT_EQ(released, Lines{"v"});
   EXPECT_EQ(Counters(Open("c")), "1048576 0 0 0");  // a new cache

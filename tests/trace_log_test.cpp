@@ -2,6 +2,8 @@
 // status calls), with the values the call saw, also for invalid handles.
 #include <stdarg.h>
 
+#include <thread>
+
 #include "support.h"
 
 namespace {
@@ -78,6 +80,8 @@ TEST_F(TraceLog, EveryCallWritesItsLineAfterItsWork) {
   CA_SETCHECK(0), CA_CHECKCACHE(0);  // off: no line
   Put(h, "z", "abc", 9), W("CACACHE Insert a record Length=9");
   CA_CLOSE(h), W("CACACHE %p cache closed", h);  // the record goes too
+  std::thread([] { trace->Write("another thread"); }).join();  // unlocked
+  W("another thread");
   EXPECT_EQ(CA_DEINIT(), 1);
   W("CACACHE Closed");
   EXPECT_EQ(trace, nullptr);
