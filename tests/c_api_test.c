@@ -1,15 +1,13 @@
-/* The public header from plain C: a cache's life through the main calls.
- * Exits non-zero when a check fails. */
+// The public header from plain C: a cache's life through the main calls.
+// Exits non-zero when a check fails.
 #include <stdio.h>
 #include <string.h>
 
 #include "qmcache/qmcache.h"
 
 static int failures = 0, released = 0;
-#define CHECK(cond)                                             \
-  ((cond) ? (void)0                                             \
-          : (fprintf(stderr, "line %d: %s\n", __LINE__, #cond), \
-             (void)failures++))
+#define CHECK(c) \
+  ((c) ? 0 : (fprintf(stderr, "line %d: %s\n", __LINE__, #c), failures++))
 
 static void OnRelease(int flags, unsigned long size, void* data) {
   released += flags == CAREC_CALLBACK && size == 5 && !memcmp(data, "data1", 5);
@@ -17,7 +15,7 @@ static void OnRelease(int flags, unsigned long size, void* data) {
 
 int main(void) {
   CAParams params = {4096, 0, 0, 0, {0, 0, 0, 0, 0}};
-  CAQuery query;
+  CAQuery q;
   _CAStat stat;
   int count = -1;
   void* h = CA_CREATE("c-cache", &params);
@@ -27,17 +25,14 @@ int main(void) {
   CHECK(CA_INSERT(h, 4, 0, 0, 3, "two", 5, 60, "data2") == 1);
   CHECK(CA_INSERT(NULL, 5, 0, 0, 3, "two", 5, 70, "data3") == -1);
   record = CA_SEARCH(h, 0, 3, "one");
-  CHECK(CA_SEARCH(h, 0, 5, "three") == NULL &&
-        CA_QUERY(h, record, &query) == 1);
-  CHECK(query.hits == 2 && query.tag == 3 && query.length == 50 &&
-        query.keyLength == 3);
-  CHECK(query.dataLength == 5 && memcmp(query.data, "data1", 5) == 0);
+  CHECK(CA_SEARCH(h, 0, 5, "three") == NULL && CA_QUERY(h, record, &q) == 1);
+  CHECK(q.hits == 2 && q.tag == 3 && q.length == 50 && q.keyLength == 3);
+  CHECK(q.dataLength == 5 && memcmp(q.data, "data1", 5) == 0);
   CA_FREE(h, record);
   CA_LIST_FREE(h, CA_LIST(h, &count));
-  CHECK(count == 2 && CA_GETCACHESTAT(h, &params) == 1 &&
-        params.allocated == 110);
+  CHECK(count == 2 && CA_GETCACHESTAT(h, &params) && params.allocated == 110);
   CA_ERASE(h, CA_SEARCH(h, 0, 3, "one"));
-  CHECK(released == 1 && CA_GETSTAT(NULL, CASTAT_SEARCH, &stat) == 1 &&
+  CHECK(released == 1 && CA_GETSTAT(NULL, CASTAT_SEARCH, &stat) &&
         stat.count == 3);
   CHECK(CA_SETCHECK(1) == 1 && CA_CHECKCACHE(0) == 0);
   CA_CLOSE(h);
