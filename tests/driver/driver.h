@@ -14,8 +14,8 @@
 // lists, closes handles), on the record's own cache and on others.
 //
 // The choices come from a seeded generator (the command-line driver) or
-// from the fuzzer's input bytes. The program that includes this header
-// defines `time()` to return `qmdriver::g_now`.
+// from the fuzzer's input bytes. The library's clock is the driver's: the
+// one program that includes this header gets its `time()`.
 #ifndef QMCACHE_TESTS_DRIVER_DRIVER_H
 #define QMCACHE_TESTS_DRIVER_DRIVER_H
 
@@ -33,8 +33,15 @@
 #include "qmcache/ybtrace.h"
 
 namespace qmdriver {
-
 inline time_t g_now = 1700000000;
+}  // namespace qmdriver
+
+// Exported, so that the library's calls find it before libc's.
+extern "C" __attribute__((visibility("default"))) time_t time(time_t* t) {
+  return t != nullptr ? *t = qmdriver::g_now : qmdriver::g_now;
+}
+
+namespace qmdriver {
 
 class Driver {
  public:

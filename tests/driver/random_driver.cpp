@@ -2,15 +2,8 @@
 //   qmcache_random FIRST LAST [STEPS [BULK]]
 #include <stdio.h>
 #include <stdlib.h>
-#include <time.h>
 
 #include "driver.h"
-
-// The library's clock is the driver's; exported so that it interposes libc's.
-extern "C" __attribute__((visibility("default"))) time_t time(time_t* t) {
-  if (t != nullptr) *t = qmdriver::g_now;
-  return qmdriver::g_now;
-}
 
 int main(int argc, char** argv) {
   if (argc < 3)

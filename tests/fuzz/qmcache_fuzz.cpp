@@ -4,14 +4,8 @@
 // run leaves behind.
 #include <stdio.h>
 #include <stdlib.h>
-#include <time.h>
 
 #include "../driver/driver.h"
-
-extern "C" __attribute__((visibility("default"))) time_t time(time_t* t) {
-  if (t != nullptr) *t = qmdriver::g_now;
-  return qmdriver::g_now;
-}
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   qmdriver::g_now = 1700000000;
