@@ -174,24 +174,32 @@ void CheckNode(BTree* n) {
 
 // ==== Nodes =================================================================
 
+namespace {
+// What both constructors set: a leaf under `parent` whose key bytes will be
+// at `store`. The serial is taken before the key is allocated.
+void MakeLeaf(BTree* n, unsigned char* store, unsigned long keyLength,
+              BTree* parent, BTree** parentLink) {
+  memcpy(n->magic, "%%BT", sizeof(n->magic));
+  n->keyLength = keyLength;
+  n->serial = BTree::cnt++;
+  n->payload = nullptr;
+  n->key = store;
+  n->parent = parent;
+  n->parentLink = parentLink;
+  n->left = n->right = nullptr;
+  n->leftHeight = n->rightHeight = 0;
+}
+}  // namespace
+
 // A key copy that cannot be allocated throws std::bad_alloc, as the node's
 // own allocation would: `new BTree(...)` then releases the node again and
 // BTree::Insert leaves the tree unchanged (it has already set `existed`).
 BTree::BTree(unsigned char* key, unsigned long keyLength, BTree* parent,
              BTree** parentLink) {
-  memcpy(magic, "%%BT", sizeof(magic));
-  this->keyLength = keyLength;
-  serial = cnt++;
-  payload = nullptr;
+  MakeLeaf(this, nullptr, keyLength, parent, parentLink);
   this->key = static_cast<unsigned char*>(malloc(keyLength));
   if (this->key == nullptr && keyLength != 0) throw std::bad_alloc();
   if (keyLength != 0) memcpy(this->key, key, keyLength);
-  this->parent = parent;
-  this->parentLink = parentLink;
-  left = nullptr;
-  right = nullptr;
-  leftHeight = 0;
-  rightHeight = 0;
 }
 
 // Destroys the subtree without recursion: it descends into the left, else
@@ -304,18 +312,9 @@ BTree* InsertNode(BTree* root, unsigned char* key, unsigned long keyLength,
 
 BTree::BTree(KeyBehind, unsigned char* key, unsigned long keyLength,
              BTree* parent, BTree** parentLink) {
-  memcpy(magic, "%%BT", sizeof(magic));
-  this->keyLength = keyLength;
-  serial = cnt++;
-  payload = nullptr;
-  this->key = reinterpret_cast<unsigned char*>(this + 1);
+  MakeLeaf(this, reinterpret_cast<unsigned char*>(this + 1), keyLength, parent,
+           parentLink);
   if (keyLength != 0) memcpy(this->key, key, keyLength);
-  this->parent = parent;
-  this->parentLink = parentLink;
-  left = nullptr;
-  right = nullptr;
-  leftHeight = 0;
-  rightHeight = 0;
 }
 
 namespace {
