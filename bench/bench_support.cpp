@@ -59,21 +59,6 @@ const char* ValueBytes() {
   return block.bytes;
 }
 
-uint64_t Rng::Next() {
-  uint64_t z = (state_ += 0x9e3779b97f4a7c15ull);
-  z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
-  z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
-  return z ^ (z >> 31);
-}
-
-std::vector<uint32_t> Permutation(size_t n, uint64_t seed) {
-  std::vector<uint32_t> p(n);
-  for (size_t i = 0; i < n; i++) p[i] = static_cast<uint32_t>(i);
-  Rng rng(seed);
-  for (size_t i = n; i > 1; i--) std::swap(p[i - 1], p[rng.Below(i)]);
-  return p;
-}
-
 namespace {
 
 std::vector<std::string> NumberedKeys(size_t n, uint32_t parity) {
@@ -106,26 +91,6 @@ std::vector<std::string> MakeKeys(int kind, size_t n) {
 
 std::vector<std::string> MissKeys(int kind, size_t n) {
   return kind == kRandom16 ? RandomKeys(n, 0xdeadbeefu) : NumberedKeys(n, 1);
-}
-
-std::vector<uint32_t> ZipfSample(size_t n, double s, size_t count,
-                                 uint64_t seed) {
-  std::vector<double> cdf(n);
-  double sum = 0;
-  for (size_t r = 0; r < n; r++) {
-    sum += 1.0 / std::pow(static_cast<double>(r + 1), s);
-    cdf[r] = sum;
-  }
-  std::vector<uint32_t> rankToIndex = Permutation(n, seed ^ 0x2222);
-  Rng rng(seed);
-  std::vector<uint32_t> out(count);
-  for (size_t i = 0; i < count; i++) {
-    double u = rng.Unit() * sum;
-    size_t r = std::lower_bound(cdf.begin(), cdf.end(), u) - cdf.begin();
-    if (r >= n) r = n - 1;
-    out[i] = rankToIndex[r];
-  }
-  return out;
 }
 
 void FakeClockStart(time_t now) {

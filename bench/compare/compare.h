@@ -30,7 +30,13 @@
 #include <string>
 #include <vector>
 
+#include "sampling.h"
+
 namespace qmcompare {
+
+using qmsample::Permutation;
+using qmsample::Rng;
+using qmsample::ZipfSample;
 
 constexpr size_t kKeySize = 16;
 constexpr size_t kValueSize = 64;
@@ -99,30 +105,9 @@ struct Result {
 
 // ---- keys, values, samples ----
 
-class Rng {
- public:
-  explicit Rng(uint64_t seed) : state_(seed) {}
-  uint64_t Next() {
-    uint64_t z = (state_ += 0x9e3779b97f4a7c15ull);
-    z = (z ^ (z >> 30)) * 0xbf58476d1ce4e5b9ull;
-    z = (z ^ (z >> 27)) * 0x94d049bb133111ebull;
-    return z ^ (z >> 31);
-  }
-  uint64_t Below(uint64_t bound) { return Next() % bound; }
-  double Unit() { return static_cast<double>(Next() >> 11) * 0x1.0p-53; }
-
- private:
-  uint64_t state_;
-};
-
 // `n` random keys from the stream `seed`; two streams never share a key
 // but by a 2^-128 chance.
 std::vector<Key> RandomKeys(size_t n, uint64_t seed);
-std::vector<uint32_t> Permutation(size_t n, uint64_t seed);
-// `count` indexes in 0..n-1, Zipf with exponent `s`; ranks are scattered
-// over the indexes by a random permutation.
-std::vector<uint32_t> ZipfSample(size_t n, double s, size_t count,
-                                 uint64_t seed);
 
 // The value stored under `key`: the key's first half, 48 fixed bytes, the
 // key's second half. A lookup checks the halves against the key it asked
