@@ -180,9 +180,10 @@ QMCACHE_API int CA_INSERT(void* handle, int tag, int flags, int lifetime,
 /* Finds the key's record if it is younger than `maxAge` seconds, its age
  * being the current time minus its creation time as a signed count (0: any
  * age; a negative limit finds only records made after the clock stepped
- * back, whose age is more negative still). Returns the record as a hold that you must give
- * back with CA_FREE or CA_ERASE, or null (also for an invalid handle, a
- * negative `keyLength` or a null `key` with a positive `keyLength`). */
+ * back, whose age is more negative still). Returns the record as a hold
+ * that you must give back with CA_FREE or CA_ERASE, or null (also for an
+ * invalid handle, a negative `keyLength` or a null `key` with a positive
+ * `keyLength`). */
 QMCACHE_API void* CA_SEARCH(void* handle, int maxAge, int keyLength,
                             const void* key);
 
