@@ -72,6 +72,9 @@ class QMCACHE_API CAMutex {
   CAMutex();
   ~CAMutex();
   // 1 entered, 0 timed out, -1 failed. Enter(0) on a busy mutex gives -1.
+  // A timed entry waits up to `timeout` ms afresh after every Exit that
+  // leaves the mutex held by someone else; it never times out while the
+  // mutex is free.
   int Enter(int timeout);
   void Exit();
 
