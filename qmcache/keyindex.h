@@ -40,7 +40,8 @@ class KeyIndex {
       if (slot == 0) return nullptr;
       if ((slot & kTagMask) == tag) {
         BTree* node = NodeIn(slot);
-        if (node->keyLength == keyLength && SameBytes(node->key, key, keyLength))
+        if (node->keyLength == keyLength &&
+            SameBytes(node->key, key, keyLength))
           return node;
       }
     }

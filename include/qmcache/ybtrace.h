@@ -20,20 +20,23 @@
 extern "C" {
 #endif
 
-/* Kinds of entry. */
-#define YBTRACE_KIND_TEXT 1 /* from YBTRACE_Text: `text` holds the text */
-#define YBTRACE_KIND_DUMP 2 /* from YBTRACE_Trace2: `text` holds the label,
-                               `bytes` the dumped memory */
+/* Kinds of entry: a text from YBTRACE_Text (`text` holds the text), or a
+ * dump from YBTRACE_Trace2 (`text` holds the label, `bytes` the memory). */
+#define YBTRACE_KIND_TEXT 1
+#define YBTRACE_KIND_DUMP 2
 
 typedef struct YBTRACE_Entry {
   unsigned int traceId;
   int kind;
-  const char* text;       /* zero-terminated; the text or the label */
-  size_t textLength;      /* characters in `text` */
-  const unsigned char* bytes; /* dumped bytes (null for a text entry) */
+  /* Zero-terminated: the text or the label, of `textLength` characters. */
+  const char* text;
+  size_t textLength;
+  /* The dumped bytes (null for a text entry). */
+  const unsigned char* bytes;
   size_t byteCount;
-  const char* hex;        /* the dump as lower-case hex pairs separated by
-                             blanks, zero-terminated ("" for a text entry) */
+  /* The dump as lower-case hex pairs separated by blanks, zero-terminated
+   * ("" for a text entry). */
+  const char* hex;
 } YBTRACE_Entry;
 
 /* Callback that sees each entry as it is recorded, on the caller's thread. */
