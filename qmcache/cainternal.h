@@ -38,6 +38,7 @@ inline BTree* PreorderNext(BTree* n, const BTree* top) {
 // layout of CACache stays as it is and every cache has a state, however it
 // was constructed. Everything in it is touched only by calls on that cache,
 // which the host serialises, so none of it needs a lock.
+
 // The cache's last eviction pass, when it found no candidate: a pass in the
 // same second under the same budget finds none either, as long as `valid`
 // stays set. Whatever could make a record a candidate clears it: a record
@@ -48,6 +49,7 @@ struct QuietPass {
   unsigned int budget = 0;
 };
 
+// The state itself.
 struct CacheState {
   // Records that left the tree while held and are still alive. A destroyed
   // cache clears their `cache`, so their last release touches no dead cache.

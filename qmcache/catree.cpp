@@ -352,7 +352,7 @@ void NodeArena::Release() {
   }
   free_ = nullptr;
   left_ = 0;
-  nextChunk_ = 4096;
+  nextChunk_ = kFirstChunk;
 }
 
 void NodeArena::Swap(NodeArena& other) {

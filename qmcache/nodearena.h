@@ -36,10 +36,12 @@ class NodeArena {
   struct Chunk {
     Chunk* next;
   };
+  // The first chunk's size; later ones double.
+  static constexpr size_t kFirstChunk = 4096;
   Chunk* chunks_ = nullptr;
   unsigned char* free_ = nullptr;  // the unused rest of the newest chunk
   size_t left_ = 0;
-  size_t nextChunk_ = 4096;
+  size_t nextChunk_ = kFirstChunk;
 };
 
 #endif  // QMCACHE_NODEARENA_H
