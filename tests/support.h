@@ -90,13 +90,30 @@ inline Lines Keys(void* h) {
 inline std::string Key(unsigned i) {
   return {char(i >> 24), char(i >> 16), char(i >> 8), char(i)};
 }
+// printf into a string.
+template <typename... Args>
+std::string Format(const char* format, Args... args) {
+  char text[1024];
+  snprintf(text, sizeof text, format, args...);
+  return text;
+}
 // A file name no other process uses (ctest runs tests side by side).
 inline std::string TempPath(const std::string& stem) {
   static int serial = 0;
   return testing::TempDir() + stem + "_" + std::to_string(getpid()) + "_" +
          std::to_string(++serial);
 }
-// The trace lines that `run` writes, without their " at <time>" tails.
+// A log's lines without their " at <time>" tails; `stamps` gets the tails.
+inline Lines ReadLog(const std::string& path, Lines* stamps = nullptr) {
+  std::ifstream in(path);
+  Lines out;
+  for (std::string line; std::getline(in, line);) {
+    out.push_back(line.substr(0, line.rfind(" at ")));
+    if (stamps) stamps->push_back(line.substr(line.rfind(" at ") + 4));
+  }
+  return out;
+}
+// The trace lines that `run` writes.
 template <class F>
 inline Lines Traced(F run) {
   const std::string path = TempPath("trace");
@@ -104,12 +121,9 @@ inline Lines Traced(F run) {
   run();
   delete trace;
   trace = nullptr;
-  std::ifstream in(path);
-  Lines out;
-  for (std::string line; std::getline(in, line);)
-    out.push_back(line.substr(0, line.rfind(" at ")));
+  const Lines lines = ReadLog(path);
   unlink(path.c_str());
-  return out;
+  return lines;
 }
 
 // Every test starts from a fresh library with the callback logging.

@@ -1,7 +1,5 @@
 // The trace log: one line per call, after the call's work (before it for the
 // status calls), with the values the call saw, also for invalid handles.
-#include <stdarg.h>
-
 #include <thread>
 
 #include "support.h"
@@ -9,35 +7,14 @@
 namespace {
 
 std::string path;
-Lines want, lastAtRelease;  // the log's last line when a record went
-// The log's messages; `stamps` gets what follows " at ".
-Lines Messages(Lines* stamps = nullptr) {
-  std::ifstream in(path);
-  Lines out;
-  for (std::string line; std::getline(in, line);) {
-    out.push_back(line.substr(0, line.rfind(" at ")));
-    if (stamps) stamps->push_back(line.substr(line.rfind(" at ") + 4));
-  }
-  return out;
-}
+Lines lastAtRelease;  // the log's last line when a record went
 void SeeLog(int, unsigned long, void*) {
-  lastAtRelease.push_back(Messages().back());
-}
-// Expects a line of this format.
-void W(const char* format, ...) __attribute__((format(printf, 1, 2)));
-void W(const char* format, ...) {
-  char text[512];
-  va_list args;
-  va_start(args, format);
-  vsnprintf(text, sizeof text, format, args);
-  va_end(args);
-  want.push_back(text);
+  lastAtRelease.push_back(ReadLog(path).back());
 }
 
 struct TraceLog : testing::Test {
   void SetUp() override {
-    path = TempPath("trace_log");
-    want.clear(), lastAtRelease.clear();
+    path = TempPath("trace_log"), lastAtRelease.clear();
     CA_DEINIT();
     trace = new Trace(path.c_str());
     ASSERT_NE(trace->file, nullptr);
@@ -45,48 +22,57 @@ struct TraceLog : testing::Test {
   void TearDown() override {
     CA_DEINIT();
     delete trace;  // still installed when the library never started
-    trace = nullptr;
-    free_handle = nullptr;
+    trace = nullptr, free_handle = nullptr;
     remove(path.c_str());
   }
 };
 
 TEST_F(TraceLog, EveryCallWritesItsLineAfterItsWork) {
   CA_INIT(0);  // writes no line
-  CA_SETFREE(SeeLog), W("CACACHE FreeHandle set to %p", (void*)&SeeLog);
+  CA_SETFREE(SeeLog);
   CAParams params{};
   void* h = CA_CREATE("cache", &params);
-  W("CACACHE Create Cache 'cache' returns %p", h);
-  CA_GETCACHESTAT(h, &params), W("CACACHE Status for all timings returned");
-  Put(h, "k", "abc", 77), W("CACACHE Insert a record Length=77");
+  CA_GETCACHESTAT(h, &params);
+  Put(h, "k", "abc", 77);
   void* held = Hold(h, "k");
-  W("CACACHE Search a record is %p", held);
-  Hold(h, "x"), W("CACACHE Search a record is %p", nullptr);
-  Query(h, held), W("CACACHE Record %p returned", held);
+  Hold(h, "x"), Query(h, held);
   int count = 0;
   void** list = CA_LIST(h, &count);
-  W("CACACHE as a list returned with size: 1");
-  CA_LIST_FREE(h, list), W("CACACHE_LIST Record %p released", (void*)list);
-  Put(h, "k", "abc", 5), W("CACACHE Insert a record Length=5");
-  CA_FREE(h, held), W("CACACHE Record %p released", held);  // destroyed
+  CA_LIST_FREE(h, list);
+  Put(h, "k", "abc", 5);
+  CA_FREE(h, held);  // destroys the replaced record
   void* current = Hold(h, "k");
-  W("CACACHE Search a record is %p", current);
-  CA_ERASE(h, current), W("CACACHE Record %p erased from cache", current);
+  CA_ERASE(h, current);
   _CAStat stat;
-  CA_GETSTAT(nullptr, 0, &stat), W("CACACHE Status returned");
-  CA_SETCHECK(1);
-  EXPECT_EQ(CA_CHECKCACHE(0), 0);
-  W("CACACHE check cache");
+  CA_GETSTAT(nullptr, 0, &stat);
+  CA_SETCHECK(1), CA_CHECKCACHE(0);
   CA_SETCHECK(0), CA_CHECKCACHE(0);  // off: no line
-  Put(h, "z", "abc", 9), W("CACACHE Insert a record Length=9");
-  CA_CLOSE(h), W("CACACHE %p cache closed", h);  // the record goes too
+  Put(h, "z", "abc", 9);
+  CA_CLOSE(h);  // the record goes too
   std::thread([] { trace->Write("another thread"); }).join();  // unlocked
-  W("another thread");
   EXPECT_EQ(CA_DEINIT(), 1);
-  W("CACACHE Closed");
   EXPECT_EQ(trace, nullptr);
+  const Lines want = {Format("CACACHE FreeHandle set to %p", (void*)&SeeLog),
+                      Format("CACACHE Create Cache 'cache' returns %p", h),
+                      "CACACHE Status for all timings returned",
+                      "CACACHE Insert a record Length=77",
+                      Format("CACACHE Search a record is %p", held),
+                      Format("CACACHE Search a record is %p", nullptr),
+                      Format("CACACHE Record %p returned", held),
+                      "CACACHE as a list returned with size: 1",
+                      Format("CACACHE_LIST Record %p released", (void*)list),
+                      "CACACHE Insert a record Length=5",
+                      Format("CACACHE Record %p released", held),
+                      Format("CACACHE Search a record is %p", current),
+                      Format("CACACHE Record %p erased from cache", current),
+                      "CACACHE Status returned",
+                      "CACACHE check cache",
+                      "CACACHE Insert a record Length=9",
+                      Format("CACACHE %p cache closed", h),
+                      "another thread",
+                      "CACACHE Closed"};
   Lines stamps;
-  EXPECT_EQ(Messages(&stamps), want);
+  EXPECT_EQ(ReadLog(path, &stamps), want);
   // Each release saw the line of the call before the one that released it.
   EXPECT_EQ(lastAtRelease, (Lines{want[9], want[11], want[15]}));
   char when[32];
@@ -104,29 +90,32 @@ TEST_F(TraceLog, InvalidHandlesWriteTheirLinesAndANewLogEmptiesItsFile) {
   int count = 42;
   CAParams params;
   _CAStat stat;
-  Put(fake, "k", "abc", 33), W("CACACHE Insert a record Length=33");
-  Hold(fake, "k"), W("CACACHE Search a record is %p", nullptr);
-  CA_QUERY(fake, record, &query), W("CACACHE Record %p returned", record);
-  CA_LIST(fake, &count), W("CACACHE as a list returned with size: 42");
+  Put(fake, "k", "abc", 33), Hold(fake, "k");
+  CA_QUERY(fake, record, &query), CA_LIST(fake, &count);
   CA_LIST_FREE(fake, nullptr);  // writes nothing for an invalid handle
-  CA_FREE(fake, record), W("CACACHE Record %p released", record);
-  CA_ERASE(fake, record), W("CACACHE Record %p erased from cache", record);
-  CA_CLOSE(fake), W("CACACHE %p cache closed", (void*)fake);
+  CA_FREE(fake, record), CA_ERASE(fake, record), CA_CLOSE(fake);
   CA_SETCHECK(1), CA_CHECKCACHE(0), CA_SETCHECK(0);  // not initialised
-  CA_GETCACHESTAT(fake, &params), W("CACACHE Status for all timings returned");
-  CA_GETSTAT(fake, 0, &stat), W("CACACHE Status returned");
+  CA_GETCACHESTAT(fake, &params), CA_GETSTAT(fake, 0, &stat);
   trace->Write("%d", 5);
-  want.push_back("5");
-  EXPECT_EQ(Messages(), want);
+  EXPECT_EQ(ReadLog(path),
+            (Lines{"CACACHE Insert a record Length=33",
+                   Format("CACACHE Search a record is %p", nullptr),
+                   Format("CACACHE Record %p returned", record),
+                   "CACACHE as a list returned with size: 42",
+                   Format("CACACHE Record %p released", record),
+                   Format("CACACHE Record %p erased from cache", record),
+                   Format("CACACHE %p cache closed", (void*)fake),
+                   "CACACHE Status for all timings returned",
+                   "CACACHE Status returned", "5"}));
   delete trace;
   trace = new Trace(path.c_str());
-  EXPECT_TRUE(Messages().empty());
+  EXPECT_TRUE(ReadLog(path).empty());
   delete trace;
   trace = new Trace((path + ".missing/trace.log").c_str());
   EXPECT_EQ(trace->file, nullptr);
   Put(CA_CREATE("cache", nullptr), "k");
   EXPECT_EQ(CA_DEINIT(), 1);  // destroys the silent log too
-  EXPECT_TRUE(trace == nullptr && Messages().empty());
+  EXPECT_TRUE(trace == nullptr && ReadLog(path).empty());
 }
 
 }  // namespace
