@@ -206,42 +206,23 @@ TEST_F(Store, EveryOperationIsTimedInItsSlotAndTheLibraryStartsOnDemand) {
   EXPECT_EQ(Get(Open("c"), "k") + std::to_string(Count(nullptr, 0)), "-0");
 }
 
+// The driver passes bad input at random; these are the results it does not
+// reach.
 TEST_F(Store, BadInputGetsItsResultAndTouchesNothing) {
   void* h = Open("victim");
-  Put(h, "key", "x", 42);
-  void* r = Hold(h, "key");
   alignas(8) unsigned char bad[16] = {'C', 'A', 'A', 'C', 0, 0, 1};
-  CAQuery q;
   CAParams p;
   _CAStat s;
-  memset(&q, 0x11, sizeof q), memset(&p, 0x22, sizeof p);
-  memset(&s, 0x33, sizeof s);
-  int count = 99;
-  EXPECT_EQ(Put(bad, "k2") + (Hold(bad, "key") != nullptr), -1);
-  EXPECT_EQ(CA_QUERY(bad, r, &q) + CA_GETCACHESTAT(bad, &p) +
-                CA_GETSTAT(bad, 1, &s) + (CA_LIST(bad, &count) != nullptr),
-            0);
-  EXPECT_TRUE(q.tag == 0x11111111 && p.maxBytes == 0x22222222u &&
-              s.count + s.total == 0 && count == 99);
-  CA_FREE(bad, r), CA_ERASE(bad, r), CA_CLOSE(bad);
-  void** list = CA_LIST(h, &count);
-  CA_LIST_FREE(bad, list);  // frees nothing: freed once below (ASan)
-  CA_LIST_FREE(h, list);
-  // Keys the library cannot read, data missing for a non-zero size, and a
-  // size widened from a negative int that cannot be had (dropped).
-  EXPECT_EQ(CA_INSERT(h, 0, 0, 0, -1, "key", 1, 1, "x") +
-                CA_INSERT(h, 0, 0, 0, 3, nullptr, 1, 1, "x") +
-                CA_INSERT(h, 0, 0, 0, 3, "new", 5, 1, nullptr),
-            -3);
-  EXPECT_TRUE(!CA_SEARCH(h, 0, -3, "key") && !CA_SEARCH(h, 0, 3, nullptr));
+  memset(&p, 0x22, sizeof p), memset(&s, 0x33, sizeof s);
+  EXPECT_EQ(CA_GETCACHESTAT(bad, &p) + CA_GETSTAT(bad, 1, &s), 0);
+  EXPECT_TRUE(p.maxBytes == 0x22222222u && s.count + s.total == 0);
+  // A size widened from a negative int cannot be had: dropped.
   EXPECT_EQ(CA_INSERT(h, 0, CAREC_CALLBACK, 0, 1, "n", -1, 5, "abc"), 1);
   memset(&s, 0x5A, sizeof s);  // out-of-range slots read as zero
   EXPECT_TRUE(CA_GETSTAT(h, 8, &s) == 1 && s.count == 0);
   EXPECT_EQ(CA_CREATE(nullptr, nullptr), nullptr);
   EXPECT_EQ(Counters(CA_CREATE("defaults", nullptr)), "1048576 0 0 0");
-  CA_FREE(h, r);
-  EXPECT_EQ(Get(h, "n") + Counters(h), "-1048576 42 2 2");
-  EXPECT_EQ(Count(h, CASTAT_RELEASE) + Count(h, CASTAT_ERASE), 1);
+  EXPECT_EQ(Get(h, "n") + Counters(h), "-1048576 0 1 1");
 }
 
 }  // namespace

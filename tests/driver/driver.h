@@ -298,6 +298,25 @@ class Driver {
         CA_CLOSE(std::exchange(spares_[slot], nullptr));
     } else if (op == 16 && Percent(20)) {
       CA_CLOSE(std::exchange(handles_[slot], nullptr));
+    } else if (op == 16) {  // bad input: its result, and nothing changes
+      alignas(8) static unsigned char bad[16] = {'C', 'A', 'A', 'C', 0, 0, 1};
+      void* r = holds_.empty() ? nullptr : holds_[0].second;
+      CAQuery q{};
+      int count = 5;
+      const int k = static_cast<int>(key.size());
+      Expect(CA_INSERT(bad, 0, 0, 0, k, key.data(), 1, 1, "x") == -1 &&
+                 CA_INSERT(h, 0, 0, 0, -1, key.data(), 1, 1, "x") == -1 &&
+                 CA_INSERT(h, 0, 0, 0, k, nullptr, 1, 1, "x") == -1 &&
+                 CA_INSERT(h, 0, 0, 0, k, key.data(), 5, 1, nullptr) == -1 &&
+                 !CA_SEARCH(bad, 0, k, key.data()) &&
+                 !CA_SEARCH(h, 0, -k, key.data()) &&
+                 !CA_SEARCH(h, 0, k, nullptr) && !CA_QUERY(bad, r, &q) &&
+                 !CA_QUERY(h, nullptr, &q) && !q.data &&
+                 !CA_LIST(bad, &count) && count == 5,
+             "bad input");
+      CA_FREE(bad, r), CA_ERASE(bad, r), CA_CLOSE(bad), CA_FREE(h, nullptr);
+      void** list = CA_LIST(h, &count);
+      CA_LIST_FREE(bad, list), CA_LIST_FREE(h, list);
     } else if (op == 17 && Percent(10)) {
       for (int s = 0; s < kCaches; ++s) handles_[s] = spares_[s] = nullptr;
       CA_DEINIT();
