@@ -1,5 +1,5 @@
 // The key tree: its order, its shapes after rotation, its walk and its
-// printing self-check, on trees up to a million nodes deep.
+// printing self-check.
 #include <string.h>
 
 #include <algorithm>
@@ -18,6 +18,9 @@ struct Tree {
     if (root == nullptr) return root = new BTree(Bytes(k), k.size(), 0, &root);
     return root->Insert(Bytes(k), k.size(), existed ? existed : &ignored);
   }
+  explicit Tree(int n = 0) {  // keys 1 .. n, each a single byte
+    for (int i = 1; i <= n; ++i) Insert(std::string(1, (char)i));
+  }
 };
 // "4(2(1,3),6(5,7))" for single-byte keys.
 std::string Shape(BTree* n) {
@@ -35,10 +38,11 @@ std::string Walk(BTree* start, int reverse, Ints* depths = nullptr) {
     if (depths) depths->push_back(it.lastDepth);
   return keys + (it.Next() ? "!" : "");
 }
-std::string Printed(BTree* n, int* count, bool root = true) {
+// What the self-check prints, then the nodes it counts.
+std::string Printed(BTree* n, bool root = true) {
   testing::internal::CaptureStdout();
-  *count = root ? n->CheckTreeRoot() : n->CheckTree();
-  return testing::internal::GetCapturedStdout();
+  const int count = root ? n->CheckTreeRoot() : n->CheckTree();
+  return testing::internal::GetCapturedStdout() + std::to_string(count);
 }
 // Run-time memcmp: a call with constant arguments may be folded to -1/0/1.
 int (*volatile const Cmp)(const void*, const void*, size_t) = memcmp;
@@ -64,18 +68,16 @@ TEST(KeyTree, KeysSortBytewiseWithEachKeyBeforeItsPrefixes) {
 
 TEST(KeyTree, SingleRotationsGiveTheseShapesAndTheWalkFollowsThem) {
   const std::pair<std::vector<int>, std::string> cases[] = {
-      {{1, 2, 3, 4, 5, 6, 7}, "4(2(1,3),6(5,7))"},
-      {{7, 6, 5, 4, 3, 2, 1}, "4(2(1,3),6(5,7))"},
-      {{1, 3, 2}, "1(,3(2,))"},
-      {{3, 1, 2}, "3(1(,2),)"}};
-  int count;  // the self-check finds links and heights right
-  for (auto& [keys, shape] : cases) {
+      {{1, 2, 3, 4, 5, 6, 7}, "4(2(1,3),6(5,7))7"},
+      {{7, 6, 5, 4, 3, 2, 1}, "4(2(1,3),6(5,7))7"},
+      {{1, 3, 2}, "1(,3(2,))3"},
+      {{3, 1, 2}, "3(1(,2),)3"}};
+  for (auto& [keys, shape] : cases) {  // the self-check finds them sound
     Tree t;
     for (int k : keys) t.Insert(std::string(1, (char)k));
-    EXPECT_EQ(Shape(t.root) + Printed(t.root, &count), shape);
+    EXPECT_EQ(Shape(t.root) + Printed(t.root), shape);
   }
-  Tree t;
-  for (int i = 1; i <= 7; ++i) t.Insert(std::string(1, (char)i));
+  Tree t(7);
   Ints depths, back;
   EXPECT_EQ(Walk(t.root, 0, &depths), "\1\2\3\4\5\6\7");
   EXPECT_EQ(Walk(t.root, 7, &back), "\7\6\5\4\3\2\1");
@@ -84,60 +86,24 @@ TEST(KeyTree, SingleRotationsGiveTheseShapesAndTheWalkFollowsThem) {
   EXPECT_EQ(Walk(nullptr, 0), "");
   Tree up;
   for (unsigned i = 0; i < 10000; ++i) up.Insert(Key(i));
-  EXPECT_EQ(Printed(up.root, &count), "");
-  EXPECT_EQ(count, 10000);
+  EXPECT_EQ(Printed(up.root), "10000");
   EXPECT_EQ(std::max(up.root->leftHeight, up.root->rightHeight), 13u);
 }
 
 TEST(KeyTree, CheckTreePrintsEachFaultInPreorderAndCountsNodes) {
-  Tree t;
-  for (int i = 1; i <= 7; ++i) t.Insert(std::string(1, (char)i));
+  Tree t(7), small(3);
   BTree *n4 = t.root, *n2 = n4->left, *n3 = n2->right, *n6 = n4->right;
-  char want[256];
-  int count = 0;
-  n2->leftHeight = 3, n3->parent = n4, n6->right->key[0] = 6;
-  snprintf(want, sizeof want,
-           "Counting problem %p l:2 3\nCounting problem %p l:3 0\n"
-           "**Parent pointer error %p l:%p l->p:%p\n"
-           "Compare problem %p r:%p 0\n",
-           (void*)n4, (void*)n2, (void*)n2, (void*)n3, (void*)n4, (void*)n6,
-           (void*)n6->right);
-  EXPECT_EQ(Printed(n4, &count), want);
-  EXPECT_EQ(count, 7);
-  n2->leftHeight = 1, n3->parent = n2, n6->right->key[0] = 7;
-  n2->key[0] = 4;  // an equal key below is out of order too
-  snprintf(want, sizeof want,
-           "Compare problem %p l:%p 0\nCompare problem %p r:%p %d\n", (void*)n4,
-           (void*)n2, (void*)n2, (void*)n3, Cmp("\4", "\3", 1));
-  EXPECT_EQ(Printed(n4, &count), want);
-  n2->key[0] = 2;
-  snprintf(want, sizeof want, "Root illegal %p parent=%p\n", (void*)n2,
-           (void*)n4);
-  EXPECT_EQ(Printed(n2, &count) + Printed(n2, &count, false), want);
-  EXPECT_EQ(count, 3);
-}
-
-// Built directly (inserting a chain takes quadratic time); checked, walked,
-// cleared and destroyed in a default-sized stack.
-TEST(KeyTree, AMillionNodeChainNeedsNoStack) {
-  const unsigned n = 1000000;
-  Tree t;
-  std::vector<BTree*> nodes{nullptr};
-  for (unsigned i = 0; i < n; ++i) {
-    BTree* p = nodes.back();
-    BTree** link = !p ? &t.root : i % 2 ? &p->right : &p->left;
-    const std::string k = Key(i % 2 ? n - 1 - i / 2 : i / 2);
-    nodes.push_back(*link = new BTree(Bytes(k), 4, p, link));
-    if (p) (i % 2 ? p->rightHeight : p->leftHeight) = n - i;
-  }
-  CARecord deep(1, 1, (void*)"x", nodes[n], nullptr, 0, -1, 0);
-  nodes[n]->payload = &deep;  // below empty nodes
-  int count = 0;
-  EXPECT_EQ(Printed(t.root, &count), "");
-  EXPECT_EQ(count, (int)n);
-  nodes[2]->ClearAttr();
-  EXPECT_EQ(deep.flags, ~(CAREC_PINNED | CAREC_EXPIRES));
-  EXPECT_EQ(Walk(t.root, 0).size(), 4 * n);
+  n2->leftHeight = 3, n3->parent = n4;
+  n2->left->key[0] = 2, n6->right->key[0] = 6;  // equal keys are out of order
+  EXPECT_EQ(Printed(n4),
+            Format("Counting problem %p l:2 3\nCounting problem %p l:3 0\n"
+                   "Compare problem %p l:%p 0\n"
+                   "**Parent pointer error %p l:%p l->p:%p\n"
+                   "Compare problem %p r:%p 0\n7",
+                   n4, n2, n2, n2->left, n2, n3, n4, n6, n6->right));
+  BTree* leaf = small.root->left;
+  EXPECT_EQ(Printed(leaf) + Printed(leaf, false),
+            Format("Root illegal %p parent=%p\n11", leaf, small.root));
 }
 
 }  // namespace

@@ -32,11 +32,9 @@ CACache* Cache(const std::string& name) {
 void Store(CACache* c, const std::string& key) {
   CA_INSERT(c->actions[0], 0, 0, 0, (int)key.size(), key.data(), 4, 4, "data");
 }
-// The verdict; `log` gets the report, one line per entry, and `cacheDump`
-// the dump of the cache. With trace id 0 the check gives the same verdict
-// and neither writes nor formats.
+// The verdict; `log` gets the report, one line per entry. With trace id 0 the
+// check gives the same verdict and neither writes nor formats.
 std::string log;
-std::vector<unsigned char> cacheDump;
 int Check() {
   memset(CACache::cache_buf, 'z', sizeof(CACache::cache_buf));
   YBTRACE_Clear();
@@ -50,8 +48,6 @@ int Check() {
   for (size_t i = 0; YBTRACE_Get(i, &e); ++i) {
     const std::string text(e.text, e.textLength);
     log += e.kind == YBTRACE_KIND_TEXT ? text + "\n" : D(e.text, e.byteCount);
-    if (text == "CACache structure")
-      cacheDump.assign(e.bytes, e.bytes + e.byteCount);
     EXPECT_EQ(e.traceId, 9u);
   }
   return verdict;
@@ -69,36 +65,32 @@ TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {
   CACache* o = Cache("o");
   for (unsigned i = 0; i < 7; ++i) Store(c, Key(i));
   CACacheAction* a = (CACacheAction*)CA_CREATE("c", nullptr);  // slot 1
-  EXPECT_EQ(0, Check());
-  EXPECT_EQ("", log);
   BTree *root = c->tree, *inner = root->left, *leaf = inner->left,
         *right = root->right, *rightLeaf = right->right;
-  CARecord* rootRec = static_cast<CARecord*>(root->payload);
-  CARecord* leafRec = static_cast<CARecord*>(leaf->payload);
+  auto *rootRec = (CARecord*)root->payload, *leafRec = (CARecord*)leaf->payload;
   BTree* registry = CACache::caches;  // the first cache in name order
   ASSERT_EQ(c, registry->payload);
   const std::string named =
-      Format("invalid CACache structure - name: 'c', address: %p\n", (void*)c);
+      Format("invalid CACache structure - name: 'c', address: %p\n", c);
   const std::string kC = D("CACache structure", sizeof(CACache));
   const std::string banner =
-      Format("CACache - name: 'c', address: %p\n", (void*)c) + kC;
+      Format("CACache - name: 'c', address: %p\n", c) + kC;
   const std::string kN = D("BTree structure", sizeof(BTree)),
                     kK = D("BTree key", 4);
   auto node = [&](BTree* n, bool key = true) {
-    return banner +
-           Format("invalid BTree structure - address: %p\n", (void*)n) + kN +
+    return banner + Format("invalid BTree structure - address: %p\n", n) + kN +
            (key ? kK : "");
   };
   auto link = [&](BTree* n, BTree* child) {
     return banner +
-           Format("invalid BTree structures - address1: %p, address2: %p\n",
-                  (void*)n, (void*)child) +
+           Format("invalid BTree structures - address1: %p, address2: %p\n", n,
+                  child) +
            D("BTree structure1", sizeof(BTree)) + D("BTree key1", 4) +
            D("BTree structure2", sizeof(BTree)) + D("BTree key2", 4);
   };
   auto record = [&](BTree* n, CARecord* r) {
-    return banner + Format("BTree address: %p\n", (void*)n) + kN + kK +
-           Format("invalid CARecord structure - address: %p\n", (void*)r) +
+    return banner + Format("BTree address: %p\n", n) + kN + kK +
+           Format("invalid CARecord structure - address: %p\n", r) +
            D("CARecord structure", sizeof(CARecord));
   };
   auto handle = [&](void* h, bool dump = true) {
@@ -114,14 +106,14 @@ TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {
   } cases[] = {
       {{Set(c->magic[0], '?')}, named + kC},
       {{Set(c->name, 1000)},
-       Format("invalid CACache structure - address: %p\n", (void*)c) + kC},
+       Format("invalid CACache structure - address: %p\n", c) + kC},
       {{Set(c->actions, 0)}, named + kC},
       {{Set(c->tree, 1)}, named + kC},
       {{Set(registry->payload, 12)},
        Format("invalid CACache structure - address: %p\n", (void*)12)},
       {{Set(root->parentLink, &root->left)},
        "invalid CACache or BTree structure\n" + banner +
-           Format("BTree address: %p\n", (void*)root) + kN},
+           Format("BTree address: %p\n", root) + kN},
       {{Set(a->cache, o)}, handle(a)},
       {{Set(magic[5], 1)}, handle(a)},
       {{Set(c->actions[7], 77)}, handle((void*)77, false)},
@@ -144,22 +136,14 @@ TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {
   };
   for (Case& k : cases) {
     for (Change& change : k.changes) change.apply();
-    cacheDump.clear();
     EXPECT_EQ(k.want.empty() ? 0 : 1, Check());
     EXPECT_EQ(k.want, log);
-    // The dump is the cache object itself (its padding was never written).
-    auto holds = [&](const void* field, size_t n) {
-      return !memcmp(&cacheDump[(char*)field - (char*)c], field, n);
-    };
-    EXPECT_TRUE(cacheDump.empty() ||
-                (cacheDump.size() == sizeof(CACache) && holds(c->magic, 4) &&
-                 holds(&c->params, sizeof c->params)));
     for (Change& change : k.changes) change.undo();
     EXPECT_EQ(0, Check()) << k.want;
   }
 }
 
-TEST_F(StructureCheck, AnswersWhenOnAndBoundsNamesKeysAndHeights) {
+TEST_F(StructureCheck, AnswersOnlyWhenOnAndBoundsNamesAndKeys) {
   std::string name(700, 'w');  // its report line is cut, never overrun
   CACache* x = Cache(name);
   x->magic[0] = '?';
@@ -169,39 +153,24 @@ TEST_F(StructureCheck, AnswersWhenOnAndBoundsNamesKeysAndHeights) {
   EXPECT_EQ(Check(), 1);
   EXPECT_EQ(log.substr(0, 512),
             Format("invalid CACache structure - name: '%s', address: %p",
-                   name.c_str(), (void*)x)
+                   name.c_str(), x)
                     .substr(0, 511) +
                 "\n");
   x->magic[0] = '%';
   x->name[255] = '\0';  // 255 characters: one too many
   EXPECT_EQ(Check(), 1);
-  EXPECT_EQ(log, Format("CACache address: %p\n", (void*)x) +
+  EXPECT_EQ(log, Format("CACache address: %p\n", x) +
                      D("CACache structure", sizeof(CACache)) +
                      "invalid CACache name\n" + D("CACache name", 255));
   x->name[254] = '\0';
   CACache* k = Cache("k");
-  Store(k, std::string(255, '\0'));
-  Store(k, "a");
-  EXPECT_EQ(Check(), 0);
+  Store(k, std::string(255, '\0')), Store(k, "a");
   k->tree->magic[2] = 'b';  // a 255-byte key is not dumped, a 254-byte one is
   EXPECT_TRUE(Check() == 1 && log.find("BTree key") == std::string::npos);
   k->tree->keyLength = 254;
   EXPECT_TRUE(Check() == 1 &&
               log.find(D("BTree key", 254)) != std::string::npos);
-  k->tree->keyLength = 255;
-  k->tree->magic[2] = 'B';
-  // A zig-zag chain: the root's height is the node count less one.
-  for (unsigned n : {2001u, 2002u}) {
-    CACache* chain = Cache("chain" + std::to_string(n));
-    for (unsigned i = 0; i < n; ++i)
-      Store(chain, Key(i % 2 ? n - 1 - i / 2 : i / 2));
-    EXPECT_EQ(Check(), n == 2002);
-    EXPECT_EQ(log.find(Format("invalid BTree structure - address: %p\n",
-                              (void*)chain->tree)) != std::string::npos,
-              n == 2002);
-  }
-  CA_DEINIT();
-  EXPECT_EQ(CA_CHECKCACHE(3) + (MainStat != nullptr), 0);  // not started
+  k->tree->keyLength = 255, k->tree->magic[2] = 'B';
 }
 
 }  // namespace

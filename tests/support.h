@@ -30,8 +30,7 @@ inline void Release(int, unsigned long size, void* data) {
 }
 
 inline CACacheAction* Open(const std::string& name, unsigned maxBytes = 0) {
-  CAParams p{};
-  p.maxBytes = maxBytes;
+  CAParams p{maxBytes, 0, 0, 0, {}};
   return static_cast<CACacheAction*>(CA_CREATE(name.c_str(), &p));
 }
 // Stores `value` under `key`, charging `length` (default: the value's size).
@@ -100,8 +99,8 @@ std::string Format(const char* format, Args... args) {
 // A file name no other process uses (ctest runs tests side by side).
 inline std::string TempPath(const std::string& stem) {
   static int serial = 0;
-  return testing::TempDir() + stem + "_" + std::to_string(getpid()) + "_" +
-         std::to_string(++serial);
+  return testing::TempDir() +
+         Format("%s_%d_%d", stem.c_str(), getpid(), ++serial);
 }
 // A log's lines without their " at <time>" tails; `stamps` gets the tails.
 inline Lines ReadLog(const std::string& path, Lines* stamps = nullptr) {
@@ -119,8 +118,7 @@ inline Lines Traced(F run) {
   const std::string path = TempPath("trace");
   trace = new Trace(path.c_str());
   run();
-  delete trace;
-  trace = nullptr;
+  delete std::exchange(trace, nullptr);
   const Lines lines = ReadLog(path);
   unlink(path.c_str());
   return lines;

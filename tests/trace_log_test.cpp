@@ -25,47 +25,41 @@ TEST(TraceLog, EveryCallWritesItsLineAfterItsWorkAlsoForInvalidHandles) {
   CA_SETFREE(SeeLog);
   CAParams params{};
   void* h = CA_CREATE("cache", &params);
-  CA_GETCACHESTAT(h, &params), CA_GETCACHESTAT(bad, &params);
+  CA_GETCACHESTAT(bad, &params);
   Put(h, "k", "abc", 77), Put(bad, "k", "abc", 33);
   void* held = Hold(h, "k");
   CAQuery query;
-  Hold(h, "x"), Hold(bad, "k"), Query(h, held), CA_QUERY(bad, held, &query);
+  Hold(bad, "k"), CA_QUERY(bad, held, &query);
   void** list = CA_LIST(h, &count);
   CA_LIST_FREE(h, list), CA_LIST_FREE(bad, list);  // the latter: no line
   Put(h, "k", "abc", 5);
   CA_FREE(h, held);  // destroys the replaced record
   void* current = Hold(h, "k");
-  CA_ERASE(h, current), CA_ERASE(bad, current), CA_FREE(bad, current);
+  CA_ERASE(h, current), CA_ERASE(bad, current);
   _CAStat stat;
-  CA_GETSTAT(nullptr, 0, &stat), CA_GETSTAT(bad, 0, &stat), CA_CHECKCACHE(0);
+  CA_GETSTAT(bad, 0, &stat), CA_CHECKCACHE(0);
   CA_SETCHECK(0), CA_CHECKCACHE(0);  // off: no line
   Put(h, "z", "abc", 9);
   CA_CLOSE(h), CA_CLOSE(bad);                         // the record goes too
   std::thread([] { trace->Write("%d", 5); }).join();  // unlocked
   EXPECT_EQ(CA_DEINIT(), 1);
   EXPECT_EQ(trace, nullptr);
-  const std::string status = "CACACHE Status for all timings returned";
   const Lines want = {"CACACHE as a list returned with size: 42",
                       Format("CACACHE FreeHandle set to %p", (void*)&SeeLog),
                       Format("CACACHE Create Cache 'cache' returns %p", h),
-                      status,
-                      status,
+                      "CACACHE Status for all timings returned",
                       "CACACHE Insert a record Length=77",
                       "CACACHE Insert a record Length=33",
                       Format("CACACHE Search a record is %p", held),
                       Format("CACACHE Search a record is %p", nullptr),
-                      Format("CACACHE Search a record is %p", nullptr),
-                      Format("CACACHE Record %p returned", held),
                       Format("CACACHE Record %p returned", held),
                       "CACACHE as a list returned with size: 1",
-                      Format("CACACHE_LIST Record %p released", (void*)list),
+                      Format("CACACHE_LIST Record %p released", list),
                       "CACACHE Insert a record Length=5",
                       Format("CACACHE Record %p released", held),
                       Format("CACACHE Search a record is %p", current),
                       Format("CACACHE Record %p erased from cache", current),
                       Format("CACACHE Record %p erased from cache", current),
-                      Format("CACACHE Record %p released", current),
-                      "CACACHE Status returned",
                       "CACACHE Status returned",
                       "CACACHE check cache",
                       "CACACHE Insert a record Length=9",
@@ -76,7 +70,7 @@ TEST(TraceLog, EveryCallWritesItsLineAfterItsWorkAlsoForInvalidHandles) {
   Lines stamps;
   EXPECT_EQ(ReadLog(path, &stamps), want);
   // Each release saw the line of the call before the one that released it.
-  EXPECT_EQ(lastAtRelease, (Lines{want[14], want[16], want[23]}));
+  EXPECT_EQ(lastAtRelease, (Lines{want[11], want[13], want[18]}));
   char when[32];
   struct tm local;
   asctime_r(localtime_r(&g_now, &local), when);

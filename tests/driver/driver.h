@@ -7,8 +7,9 @@
 //    included;
 //  - every destroyed record's callback comes exactly once;
 //  - an insert's result says whether the key was new, a key just stored is
-//    found with the data just stored, a key just erased is not found, and a
-//    list holds every record of the tree.
+//    found with the data just stored, a key just erased is not found, a
+//    list holds every record of the tree, and bad input gets its result
+//    and changes nothing.
 // The release callback uses the library again (stores, erases, searches,
 // lists, closes handles), on the record's own cache and on others.
 //
@@ -57,13 +58,10 @@ class Driver {
       CA_DEINIT();
       CA_SETCHECK(CA_INIT(1));
       CA_SETFREE(&Released);
-      for (step_ = 0; step_ < steps && (!bytes_ || at_ < size_); ++step_) {
-        Step();
-        if (step_ % 64 == 0) CheckAll();
-      }
+      for (step_ = 0; step_ < steps && (!bytes_ || at_ < size_); ++step_)
+        if (Step(), step_ % 64 == 0) CheckAll();
       CheckAll();
-      for (int s = 0; s < kCaches; ++s) handles_[s] = spares_[s] = nullptr;
-      CA_DEINIT();
+      Forget(), CA_DEINIT();
       void* late = CA_CREATE("late", nullptr);
       for (auto& hold : holds_) CA_FREE(late, hold.second);
       CA_DEINIT();
@@ -91,23 +89,28 @@ class Driver {
       z = (z ^ (z >> 27)) * 0x94D049BB133111EBULL;
       z ^= z >> 31;
     }
-    return n == 0 ? 0 : static_cast<uint32_t>(z % n);
+    return n == 0 ? 0 : (uint32_t)(z % n);
   }
   bool Percent(uint32_t p) { return Below(100) < p; }
   void Expect(bool ok, const std::string& what) {
     if (!ok) throw "step " + std::to_string(step_) + " " + op_ + ": " + what;
   }
+  void Forget() {
+    for (int s = 0; s < kCaches; ++s) handles_[s] = spares_[s] = nullptr;
+  }
   CACache* CacheOf(int slot) {
     auto* h = static_cast<CACacheAction*>(handles_[slot]);
     return h ? h->cache : nullptr;
   }
-  // The key's record, found by the tree's own descent (no hit counted).
-  void* RecordOf(int slot, const std::string& key, bool* node = nullptr) {
+  // The key's node, found by the tree's own descent (no hit counted).
+  BTree* NodeOf(int slot, const std::string& key) {
     CACache* c = CacheOf(slot);
-    auto* bytes =
-        reinterpret_cast<unsigned char*>(const_cast<char*>(key.data()));
-    BTree* n = c && c->tree ? c->tree->Search(bytes, key.size()) : nullptr;
-    if (node != nullptr) *node = n != nullptr;
+    return c && c->tree
+               ? c->tree->Search((unsigned char*)key.data(), key.size())
+               : nullptr;
+  }
+  void* RecordOf(int slot, const std::string& key) {
+    BTree* n = NodeOf(slot, key);
     return n ? n->payload : nullptr;
   }
   // The records in the tree and the bytes they charge.
@@ -135,12 +138,11 @@ class Driver {
   }
 
   void CheckAll() {
+    YBTRACE_Entry e{};
     YBTRACE_Clear();
-    if (CA_CHECKCACHE(1) != 0) {
-      YBTRACE_Entry e{};
-      YBTRACE_Get(0, &e);
-      Expect(false, std::string("structure check: ") + e.text);
-    }
+    if (CA_CHECKCACHE(1) != 0)
+      Expect(false, std::string("structure check: ") +
+                        (YBTRACE_Get(0, &e) ? e.text : ""));
     for (int s = 0; s < kCaches; ++s) {
       CheckCounters(s);
       CACache* c = CacheOf(s);
@@ -150,11 +152,9 @@ class Driver {
       const int saved = dup(1);
       dup2(fileno(out), 1);
       const int counted = c->tree->CheckTreeRoot();
-      fflush(stdout);
-      dup2(saved, 1);
-      close(saved);
+      fflush(stdout), dup2(saved, 1), close(saved);
       Expect(lseek(fileno(out), 0, SEEK_END) == 0 &&
-                 counted == static_cast<int>(c->params.nodes),
+                 counted == (int)c->params.nodes,
              "self-check of cache " + std::to_string(s));
       fclose(out);
     }
@@ -175,14 +175,11 @@ class Driver {
   int Store(int slot, const std::string& key, int flags, int length = -1) {
     const uint64_t serial = ++serial_;
     const std::string data =
-        std::string(reinterpret_cast<const char*>(&serial), 8) +
-        static_cast<char>(slot) + key;
+        std::string((const char*)&serial, 8) + (char)slot + key;
     if (flags & CAREC_CALLBACK) alive_[serial]++;
-    return CA_INSERT(
-        Opened(slot), static_cast<int>(Below(11)) - 5, flags,
-        static_cast<int>(Below(7)) - 2, static_cast<int>(key.size()),
-        key.data(), static_cast<int>(data.size()),
-        length >= 0 ? length : static_cast<int>(Below(301)), data.data());
+    return CA_INSERT(Opened(slot), (int)Below(11) - 5, flags, (int)Below(7) - 2,
+                     (int)key.size(), key.data(), (int)data.size(),
+                     length >= 0 ? length : (int)Below(301), data.data());
   }
 
   static void Released(int flags, unsigned long size, void* data) {
@@ -201,44 +198,39 @@ class Driver {
     const std::string key(static_cast<char*>(data) + 9, size - 9);
     if (depth_ >= 2 || Percent(40)) return;
     depth_++, reentries++;
-    const int other = static_cast<int>(Below(kCaches));
+    const int other = (int)Below(kCaches);
     void* h = handles_[other];
     const std::string any = RandomKey();
     const bool free = h && !(other == guardSlot_ && any == guardKey_);
     int count;
-    switch (Below(5)) {
-      case 0:  // moved back under its own key, unless the driver erases it
-        if (handles_[slot] &&
-            !(erasing_ && slot == guardSlot_ && key == guardKey_))
-          Store(slot, key, CAREC_CALLBACK);
-        break;
-      case 1:
-        if (free) Store(other, any, CAREC_CALLBACK);
-        break;
-      case 2:
-        if (free) CA_ERASE(h, CA_SEARCH(h, 0, (int)any.size(), any.data()));
-        break;
-      case 3:
-        if (h) CA_LIST_FREE(h, CA_LIST(h, &count));
-        break;
-      default:
-        if (spares_[other]) CA_CLOSE(std::exchange(spares_[other], nullptr));
-    }
+    const uint32_t what = Below(5);
+    // 0: moved back under its own key, unless the driver erases that key.
+    if (what == 0 && handles_[slot] &&
+        !(erasing_ && slot == guardSlot_ && key == guardKey_))
+      Store(slot, key, CAREC_CALLBACK);
+    else if (what == 1 && free)
+      Store(other, any, CAREC_CALLBACK);
+    else if (what == 2 && free)
+      CA_ERASE(h, CA_SEARCH(h, 0, (int)any.size(), any.data()));
+    else if (what == 3 && h)
+      CA_LIST_FREE(h, CA_LIST(h, &count));
+    else if (what == 4 && spares_[other])
+      CA_CLOSE(std::exchange(spares_[other], nullptr));
     depth_--;
   }
 
   void Step() {
-    const int slot = static_cast<int>(Below(kCaches));
+    const int slot = (int)Below(kCaches);
     void* h = Opened(slot);
     const std::string key = RandomKey();
+    const int k = (int)key.size();
     const uint32_t op = Below(18);
     op_ = std::to_string(op);
     if (op < 5) {  // insert
       const int flags = (Percent(90) ? CAREC_CALLBACK : 0) |
                         (Percent(10) ? CAREC_PINNED : 0) |
                         (Percent(15) ? CAREC_EXPIRES : 0);
-      bool existed;
-      RecordOf(slot, key, &existed);
+      const bool existed = NodeOf(slot, key) != nullptr;
       guardSlot_ = slot, guardKey_ = key, erasing_ = false;
       const uint64_t mine = serial_ + 1;
       Expect(Store(slot, key, flags) == !existed, "insert's result");
@@ -249,20 +241,16 @@ class Driver {
              "the key's record is not the one just stored");
     } else if (op < 9) {  // search
       static const int kAges[] = {0, 0, 0, 1, 2, -1};
-      void* r = CA_SEARCH(h, kAges[Below(6)], (int)key.size(), key.data());
+      void* r = CA_SEARCH(h, kAges[Below(6)], k, key.data());
       CAQuery q;
       Expect(!r || (r == RecordOf(slot, key) && CA_QUERY(h, r, &q) == 1),
              "the search found another record");
-      if (r && Percent(50)) {
-        holds_.push_back({slot, r});
-      } else {
-        CA_FREE(h, r);
-      }
+      r&& Percent(50) ? holds_.push_back({slot, r}) : CA_FREE(h, r);
     } else if (op < 12 && !holds_.empty()) {  // give back a hold
-      const size_t i = Below(static_cast<uint32_t>(holds_.size()));
+      const size_t i = Below((uint32_t)holds_.size());
       const auto [heldIn, held] = holds_[i];
       auto* r = static_cast<CARecord*>(held);
-      holds_.erase(holds_.begin() + static_cast<long>(i));
+      holds_.erase(holds_.begin() + (long)i);
       CAQuery q;
       Expect(CA_QUERY(h, r, &q) == 1 && (!q.key) == (!r->node), "query");
       if (Percent(50)) return CA_FREE(h, r);
@@ -275,7 +263,7 @@ class Driver {
     } else if (op == 12) {  // list, and erase a listed record nobody holds
       int count = -1;
       void** list = CA_LIST(h, &count);
-      Expect(count == static_cast<int>(Tree(CacheOf(slot)).first),
+      Expect(count == (int)Tree(CacheOf(slot)).first,
              "the list misses records");
       void* r = count > 0 ? list[Below(count)] : nullptr;
       for (auto& hold : holds_) r = hold.second == r ? nullptr : r;
@@ -287,9 +275,9 @@ class Driver {
       const uint32_t n = Percent(20) ? maxBulk_ : Below(200) + 1;
       const std::string base = "b" + std::to_string(Below(1000000)) + ".";
       for (uint32_t i = 0; i < n; ++i) {
-        const std::string k = base + std::to_string(i);
-        Store(slot, k, 0, 0);
-        CA_ERASE(h, CA_SEARCH(h, 0, (int)k.size(), k.data()));
+        const std::string b = base + std::to_string(i);
+        Store(slot, b, 0, 0);
+        CA_ERASE(h, CA_SEARCH(h, 0, (int)b.size(), b.data()));
       }
     } else if (op == 15) {  // a second handle: open, or close it
       if (!spares_[slot])
@@ -303,7 +291,6 @@ class Driver {
       void* r = holds_.empty() ? nullptr : holds_[0].second;
       CAQuery q{};
       int count = 5;
-      const int k = static_cast<int>(key.size());
       Expect(CA_INSERT(bad, 0, 0, 0, k, key.data(), 1, 1, "x") == -1 &&
                  CA_INSERT(h, 0, 0, 0, -1, key.data(), 1, 1, "x") == -1 &&
                  CA_INSERT(h, 0, 0, 0, k, nullptr, 1, 1, "x") == -1 &&
@@ -318,9 +305,7 @@ class Driver {
       void** list = CA_LIST(h, &count);
       CA_LIST_FREE(bad, list), CA_LIST_FREE(h, list);
     } else if (op == 17 && Percent(10)) {
-      for (int s = 0; s < kCaches; ++s) handles_[s] = spares_[s] = nullptr;
-      CA_DEINIT();
-      CA_INIT(static_cast<int>(Below(2)));
+      Forget(), CA_DEINIT(), CA_INIT((int)Below(2));
     }
     if (CacheOf(slot) && CacheOf(slot)->params.nodes < 3000)
       CheckCounters(slot);
