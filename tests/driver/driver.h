@@ -239,13 +239,16 @@ class Driver {
       Expect((flags & CAREC_EXPIRES) ||  // an expired one may go now
                  (r && memcmp(r->data, &mine, 8) == 0),
              "the key's record is not the one just stored");
-    } else if (op < 9) {  // search
+    } else if (op < 9) {  // search: a hit unless as old as the limit
       static const int kAges[] = {0, 0, 0, 1, 2, -1};
-      void* r = CA_SEARCH(h, kAges[Below(6)], k, key.data());
+      const int maxAge = kAges[Below(6)];
+      auto* there = static_cast<CARecord*>(RecordOf(slot, key));
+      void* r = CA_SEARCH(h, maxAge, k, key.data());
+      const bool young = there && (!maxAge || g_now - there->created < maxAge);
       CAQuery q;
-      Expect(!r || (r == RecordOf(slot, key) && CA_QUERY(h, r, &q) == 1),
-             "the search found another record");
-      r&& Percent(50) ? holds_.push_back({slot, r}) : CA_FREE(h, r);
+      Expect(r == (young ? there : nullptr) && (!r || CA_QUERY(h, r, &q) == 1),
+             "the search's result");
+      (r && Percent(50)) ? holds_.push_back({slot, r}) : CA_FREE(h, r);
     } else if (op < 12 && !holds_.empty()) {  // give back a hold
       const size_t i = Below((uint32_t)holds_.size());
       const auto [heldIn, held] = holds_[i];
@@ -290,6 +293,8 @@ class Driver {
       alignas(8) static unsigned char bad[16] = {'C', 'A', 'A', 'C', 0, 0, 1};
       void* r = holds_.empty() ? nullptr : holds_[0].second;
       CAQuery q{};
+      CAParams p{7, 0, 0, 0, {}};  // left as it is
+      _CAStat stat[2] = {{9, 0, 0, 0, 0}, {9, 0, 0, 0, 0}};
       int count = 5;
       Expect(CA_INSERT(bad, 0, 0, 0, k, key.data(), 1, 1, "x") == -1 &&
                  CA_INSERT(h, 0, 0, 0, -1, key.data(), 1, 1, "x") == -1 &&
@@ -299,7 +304,11 @@ class Driver {
                  !CA_SEARCH(h, 0, -k, key.data()) &&
                  !CA_SEARCH(h, 0, k, nullptr) && !CA_QUERY(bad, r, &q) &&
                  !CA_QUERY(h, nullptr, &q) && !q.data &&
-                 !CA_LIST(bad, &count) && count == 5,
+                 !CA_LIST(bad, &count) && count == 5 &&
+                 !CA_GETCACHESTAT(bad, &p) && p.maxBytes == 7 &&
+                 !CA_GETSTAT(bad, 1, &stat[0]) && !stat[0].count &&
+                 CA_GETSTAT(h, 8 + (int)Below(3), &stat[1]) && !stat[1].count &&
+                 !CA_CREATE(nullptr, nullptr),
              "bad input");
       CA_FREE(bad, r), CA_ERASE(bad, r), CA_CLOSE(bad), CA_FREE(h, nullptr);
       void** list = CA_LIST(h, &count);
