@@ -53,12 +53,7 @@ int Check() {
   return verdict;
 }
 
-struct StructureCheck : Fresh {
-  void SetUp() override { Fresh::SetUp(), CA_SETCHECK(1); }
-  void TearDown() override {
-    Fresh::TearDown(), CA_SETCHECK(0), YBTRACE_Clear();
-  }
-};
+using StructureCheck = Fresh;
 
 TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {
   CACache* c = Cache("c");

@@ -124,16 +124,18 @@ inline Lines Traced(F run) {
   return lines;
 }
 
-// Every test starts from a fresh library with the callback logging.
+// Every test starts from a fresh library with the callback logging and the
+// structure check on.
 struct Fresh : testing::Test {
   void SetUp() override {
     CA_DEINIT();
     g_now = 1000000;
     CA_INIT(1);
     CA_SETFREE(&Release);
+    CA_SETCHECK(1);
     released.clear();
   }
-  void TearDown() override { CA_DEINIT(), CA_SETFREE(nullptr); }
+  void TearDown() override { CA_DEINIT(), CA_SETFREE(nullptr), CA_SETCHECK(0); }
 };
 
 #endif  // QMCACHE_TESTS_SUPPORT_H

@@ -71,11 +71,10 @@ TEST(TraceLog, EveryCallWritesItsLineAfterItsWorkAlsoForInvalidHandles) {
   EXPECT_EQ(ReadLog(path, &stamps), want);
   // Each release saw the line of the call before the one that released it.
   EXPECT_EQ(lastAtRelease, (Lines{want[11], want[13], want[18]}));
-  char when[32];
   struct tm local;
+  char when[32];
   asctime_r(localtime_r(&g_now, &local), when);
-  when[24] = '\0';
-  for (const std::string& stamp : stamps) EXPECT_EQ(stamp, when);
+  EXPECT_EQ(stamps, Lines(want.size(), std::string(when, 24)));
   // A new log empties its file; one that cannot be opened stays silent.
   delete new Trace(path.c_str());
   EXPECT_TRUE(ReadLog(path).empty());

@@ -161,8 +161,7 @@ class Driver {
   }
 
   void* Open(int slot) {
-    CAParams p{};
-    p.maxBytes = slot == 0 ? 600 : slot == 1 ? 5000 : 0;
+    CAParams p{slot == 0 ? 600u : slot == 1 ? 5000u : 0u, 0, 0, 0, {}};
     return CA_CREATE(("cache" + std::to_string(slot)).c_str(), &p);
   }
   void* Opened(int slot) {

@@ -6,18 +6,17 @@
 #include "driver.h"
 
 int main(int argc, char** argv) {
+  unsigned long long arg[] = {0, 0, 20000, 22000};  // the defaults
+  for (int i = 1; i < argc && i < 5; ++i)
+    arg[i - 1] = strtoull(argv[i], nullptr, 10);
   if (argc < 3)
     return fprintf(stderr, "usage: %s FIRST LAST [STEPS [BULK]]\n", argv[0]), 2;
-  const auto arg = [&](int i, unsigned long long byDefault) {
-    return argc > i ? strtoull(argv[i], nullptr, 10) : byDefault;
-  };
-  const unsigned long long steps = arg(3, 20000);
-  for (unsigned long long seed = arg(1, 0); seed <= arg(2, 0); ++seed) {
-    qmdriver::Driver driver(seed, static_cast<uint32_t>(arg(4, 22000)));
-    if (!driver.Run(steps))
+  for (unsigned long long seed = arg[0]; seed <= arg[1]; ++seed) {
+    qmdriver::Driver driver(seed, (uint32_t)arg[3]);
+    if (!driver.Run(arg[2]))
       return fprintf(stderr, "seed %llu: %s\n", seed, driver.error.c_str()), 1;
     printf("seed %llu: %llu steps ok, %llu callbacks, %llu re-entered\n", seed,
-           steps, (unsigned long long)driver.callbacks,
+           arg[2], (unsigned long long)driver.callbacks,
            (unsigned long long)driver.reentries);
   }
   return 0;
