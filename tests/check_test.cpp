@@ -39,8 +39,8 @@ int Check() {
   memset(CACache::cache_buf, 'z', sizeof(CACache::cache_buf));
   YBTRACE_Clear();
   const int silent = CA_CHECKCACHE(0);
-  EXPECT_EQ(YBTRACE_Count(), 0u);
-  EXPECT_EQ(std::string(CACache::cache_buf, 512), std::string(512, 'z'));
+  EXPECT_TRUE(YBTRACE_Count() == 0 &&
+              std::string(CACache::cache_buf, 512) == std::string(512, 'z'));
   const int verdict = CA_CHECKCACHE(9);
   EXPECT_EQ(silent, verdict);
   log.clear();
@@ -95,10 +95,7 @@ TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {
            (dump ? D("CACacheAction structure", sizeof(CACacheAction)) : "");
   };
   unsigned char* magic = (unsigned char*)&a->magic;
-  struct Case {
-    std::vector<Change> changes;
-    std::string want;
-  } cases[] = {
+  std::pair<std::vector<Change>, std::string> cases[] = {
       {{Set(c->magic[0], '?')}, named + kC},
       {{Set(c->name, 1000)},
        Format("invalid CACache structure - address: %p\n", c) + kC},
@@ -129,12 +126,12 @@ TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {
       {{Set(leafRec->cache, o)}, record(leaf, leafRec)},
       {{Set(leaf->payload, 0)}, ""},  // an empty node is sound
   };
-  for (Case& k : cases) {
-    for (Change& change : k.changes) change.apply();
-    EXPECT_EQ(k.want.empty() ? 0 : 1, Check());
-    EXPECT_EQ(k.want, log);
-    for (Change& change : k.changes) change.undo();
-    EXPECT_EQ(0, Check()) << k.want;
+  for (auto& [changes, want] : cases) {
+    for (Change& change : changes) change.apply();
+    EXPECT_EQ(want.empty() ? 0 : 1, Check());
+    EXPECT_EQ(want, log);
+    for (Change& change : changes) change.undo();
+    EXPECT_EQ(0, Check()) << want;
   }
 }
 
@@ -142,15 +139,11 @@ TEST_F(StructureCheck, AnswersOnlyWhenOnAndBoundsNamesAndKeys) {
   std::string name(700, 'w');  // its report line is cut, never overrun
   CACache* x = Cache(name);
   x->magic[0] = '?';
-  EXPECT_EQ(CA_SETCHECK(0), 0);
-  EXPECT_EQ(CA_CHECKCACHE(3) + (int)YBTRACE_Count(), 0);
-  EXPECT_EQ(CA_SETCHECK(5), 1);
-  EXPECT_EQ(Check(), 1);
-  EXPECT_EQ(log.substr(0, 512),
-            Format("invalid CACache structure - name: '%s', address: %p",
-                   name.c_str(), x)
-                    .substr(0, 511) +
-                "\n");
+  EXPECT_EQ(CA_SETCHECK(0) + CA_CHECKCACHE(3) + (int)YBTRACE_Count(), 0);
+  EXPECT_TRUE(CA_SETCHECK(5) == 1 && Check() == 1);
+  const std::string line = Format(
+      "invalid CACache structure - name: '%s', address: %p", name.c_str(), x);
+  EXPECT_EQ(log.substr(0, 512), line.substr(0, 511) + "\n");
   x->magic[0] = '%';
   x->name[255] = '\0';  // 255 characters: one too many
   EXPECT_EQ(Check(), 1);

@@ -42,7 +42,7 @@ Ints Erased(F run) {
 CACacheAction* WithFreeNodes(const std::string& name, int keep, int erased) {
   CACacheAction* h = Open(name, 1000000000);
   for (int i = 0; i < keep + erased; ++i) Put(h, Key(i), "v", 1, 0);
-  for (int i = keep; i < keep + erased; ++i) Erase(h, Key(i));
+  for (int i = keep; i < keep + erased; ++i) CA_ERASE(h, Hold(h, Key(i)));
   return h;
 }
 
@@ -200,9 +200,8 @@ TEST_F(Reclaim,
   CA_SETFREE(&Reenter);
   // The callback of a replaced record replaces another key, which starts
   // the rebuild that discards the node the outer insert refills.
-  CACacheAction* h = Open("rebuilt", 1000000000);
-  for (int i = 0; i < 20010; ++i) Put(h, Key(i), "old", 1);
-  for (int i = 10; i < 20010; ++i) Erase(h, Key(i));  // 20,000 free nodes
+  CACacheAction* h = WithFreeNodes("rebuilt", 10, 20000);
+  Put(h, Key(1), "old", 1);  // one that calls back
   onRelease = [&](const std::string&) {
     onRelease = nullptr, Put(h, Key(2), "in");
   };

@@ -15,8 +15,7 @@ std::string Counters(void* h) {
 using Store = Fresh;
 
 TEST_F(Store, ACacheIsSharedByNameAndLivesWhileAHandleDoes) {
-  CAParams p{};
-  p.allocated = p.nodes = 99;
+  CAParams p{0, 99, 99, 99, {}};
   void* a = CA_CREATE("c", &p);  // a new cache: the default budget, counters 0
   EXPECT_EQ(Counters(a), "1048576 0 0 0");
   Put(a, "k", "v", 10, CAREC_CALLBACK | CAREC_PINNED | CAREC_EXPIRES);
@@ -74,7 +73,8 @@ TEST_F(Store, AListIsThePreorderOfEveryRecordInTheTree) {
   int count = -5;
   EXPECT_TRUE(CA_LIST(h, &count) == nullptr && count == 0);
   for (const char* k : {"2", "1", "3"}) Put(h, k, k);
-  Erase(h, "2");  // the root loses its record, the records below it stay
+  CA_ERASE(
+      h, Hold(h, "2"));  // the root loses its record, the records below it stay
   void** list = CA_LIST(h, &count);
   ASSERT_EQ(count, 2);
   EXPECT_EQ(Query(h, list[1]).hits, 1);  // listing takes no hold
@@ -95,7 +95,7 @@ TEST_F(Store, EveryOperationIsTimedInItsSlotAndTheLibraryStartsOnDemand) {
   Put(a, "k"), Put(a, "j");
   void* hit = Hold(a, "k");
   Hold(a, "none"), Hold(Open("b"), "k"), Query(a, hit);
-  CA_FREE(a, hit), Erase(a, "j");
+  CA_FREE(a, hit), CA_ERASE(a, Hold(a, "j"));
   CA_QUERY(a, nullptr, nullptr);  // refused before any work: not timed
   CA_FREE(a, nullptr);
   Ints library, cache;

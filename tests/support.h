@@ -56,9 +56,6 @@ inline std::string Get(void* h, const std::string& key) {
   CA_FREE(h, r);
   return std::string((char*)q.data, q.dataLength);
 }
-inline void Erase(void* h, const std::string& key) {
-  CA_ERASE(h, Hold(h, key));
-}
 inline CAParams Params(void* h) {
   CAParams p{};
   CA_GETCACHESTAT(h, &p);

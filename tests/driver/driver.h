@@ -54,6 +54,10 @@ class Driver {
   // holds. False on a failed check; `error` says which.
   bool Run(uint64_t steps) {
     current_ = this;
+    fflush(stdout);  // standard output goes to an empty file meanwhile
+    FILE* out = tmpfile();
+    const int saved = dup(1);
+    dup2(fileno(out), 1);
     try {
       CA_DEINIT();
       CA_SETCHECK(CA_INIT(1));
@@ -69,6 +73,7 @@ class Driver {
     } catch (const std::string& message) {
       error = message;
     }
+    fflush(stdout), dup2(saved, 1), close(saved), fclose(out);
     current_ = nullptr;
     CA_SETFREE(nullptr);
     return error.empty();
@@ -147,16 +152,10 @@ class Driver {
       CheckCounters(s);
       CACache* c = CacheOf(s);
       if (c == nullptr || c->tree == nullptr) continue;
-      fflush(stdout);  // the self-check prints its findings: catch them
-      FILE* out = tmpfile();
-      const int saved = dup(1);
-      dup2(fileno(out), 1);
       const int counted = c->tree->CheckTreeRoot();
-      fflush(stdout), dup2(saved, 1), close(saved);
-      Expect(lseek(fileno(out), 0, SEEK_END) == 0 &&
-                 counted == (int)c->params.nodes,
+      fflush(stdout);  // it prints its findings: into the empty file
+      Expect(counted == (int)c->params.nodes && lseek(1, 0, SEEK_END) == 0,
              "self-check of cache " + std::to_string(s));
-      fclose(out);
     }
   }
 
