@@ -26,12 +26,6 @@ Change Set(F& field, V bad) {
           [&field, old] { field = old; }};
 }
 
-CACache* Cache(const std::string& name) {
-  return Open(name, 100u << 20)->cache;
-}
-void Store(CACache* c, const std::string& key) {
-  CA_INSERT(c->actions[0], 0, 0, 0, (int)key.size(), key.data(), 4, 4, "data");
-}
 // The verdict; `log` gets the report, one line per entry. With trace id 0 the
 // check gives the same verdict and neither writes nor formats.
 std::string log;
@@ -56,9 +50,9 @@ int Check() {
 using StructureCheck = Fresh;
 
 TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {
-  CACache* c = Cache("c");
-  CACache* o = Cache("o");
-  for (unsigned i = 0; i < 7; ++i) Store(c, Key(i));
+  CACache* c = Open("c")->cache;
+  CACache* o = Open("o")->cache;
+  for (unsigned i = 0; i < 7; ++i) Put(c->actions[0], Key(i), "data");
   CACacheAction* a = (CACacheAction*)CA_CREATE("c", nullptr);  // slot 1
   BTree *root = c->tree, *inner = root->left, *leaf = inner->left,
         *right = root->right, *rightLeaf = right->right;
@@ -137,7 +131,7 @@ TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {
 
 TEST_F(StructureCheck, AnswersOnlyWhenOnAndBoundsNamesAndKeys) {
   std::string name(700, 'w');  // its report line is cut, never overrun
-  CACache* x = Cache(name);
+  CACache* x = Open(name)->cache;
   x->magic[0] = '?';
   EXPECT_EQ(CA_SETCHECK(0) + CA_CHECKCACHE(3) + (int)YBTRACE_Count(), 0);
   EXPECT_TRUE(CA_SETCHECK(5) == 1 && Check() == 1);
@@ -151,8 +145,8 @@ TEST_F(StructureCheck, AnswersOnlyWhenOnAndBoundsNamesAndKeys) {
                      D("CACache structure", sizeof(CACache)) +
                      "invalid CACache name\n" + D("CACache name", 255));
   x->name[254] = '\0';
-  CACache* k = Cache("k");
-  Store(k, std::string(255, '\0')), Store(k, "a");
+  CACache* k = Open("k")->cache;
+  Put(k->actions[0], std::string(255, '\0')), Put(k->actions[0], "a");
   k->tree->magic[2] = 'b';  // a 255-byte key is not dumped, a 254-byte one is
   EXPECT_TRUE(Check() == 1 && log.find("BTree key") == std::string::npos);
   k->tree->keyLength = 254;
