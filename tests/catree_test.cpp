@@ -85,7 +85,7 @@ TEST(KeyTree, SingleRotationsGiveTheseShapesAndTheWalkFollowsThem) {
 }
 
 TEST(KeyTree, CheckTreePrintsEachFaultInPreorderAndCountsNodes) {
-  Tree t(7), small(3);
+  Tree t(7);
   BTree *n4 = t.root, *n2 = n4->left, *n3 = n2->right, *n6 = n4->right;
   n2->leftHeight = 3, n3->parent = n4;
   n2->left->key[0] = 2, n6->right->key[0] = 6;  // equal keys are out of order
@@ -95,9 +95,9 @@ TEST(KeyTree, CheckTreePrintsEachFaultInPreorderAndCountsNodes) {
                    "**Parent pointer error %p l:%p l->p:%p\n"
                    "Compare problem %p r:%p 0\n7",
                    n4, n2, n2, n2->left, n2, n3, n4, n6, n6->right));
-  BTree* leaf = small.root->left;
+  BTree* leaf = n6->left;  // a subtree is no tree
   EXPECT_EQ(Printed(leaf) + Printed(leaf, false),
-            Format("Root illegal %p parent=%p\n11", leaf, small.root));
+            Format("Root illegal %p parent=%p\n11", leaf, n6));
 }
 
 }  // namespace

@@ -106,11 +106,7 @@ TEST_F(Reclaim, APassErasesTheWorstGradedAboveTheMarkOnceBudgetIsPassed) {
   CACacheAction* t = Open("default");
   Put(t, "a", "v", 1048576);
   EXPECT_EQ(Count(t, CASTAT_EVICTION), 0);
-  EXPECT_EQ(
-      Traced([&] { Put(t, "big", "v", 1); }),
-      (Lines{"CACACHE Cache has 104858 bytes to delete",
-             "CACACHE Found 0 record avaiable to delete",
-             "CACACHE 0 record deleted", "CACACHE Insert a record Length=1"}));
+  Put(t, "big", "v", 1);
   cafree->busy = 1, Put(t, "c", "v", 1), cafree->busy = 0;
   CAFree* controller = std::exchange(cafree, nullptr);
   Put(t, "d", "v", 1), cafree = controller;

@@ -95,9 +95,7 @@ std::string Format(const char* format, Args... args) {
 }
 // A file name no other process uses (ctest runs tests side by side).
 inline std::string TempPath(const std::string& stem) {
-  static int serial = 0;
-  return testing::TempDir() +
-         Format("%s_%d_%d", stem.c_str(), getpid(), ++serial);
+  return testing::TempDir() + stem + std::to_string(getpid());
 }
 // A log's lines without their " at <time>" tails; `stamps` gets the tails.
 inline Lines ReadLog(const std::string& path, Lines* stamps = nullptr) {

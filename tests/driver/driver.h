@@ -101,7 +101,7 @@ class Driver {
     if (!ok) throw "step " + std::to_string(step_) + " " + op_ + ": " + what;
   }
   void Forget() {
-    for (int s = 0; s < kCaches; ++s) handles_[s] = spares_[s] = nullptr;
+    for (int s = 0; s < kCaches; ++s) handles_[s] = nullptr;
   }
   CACache* CacheOf(int slot) {
     auto* h = static_cast<CACacheAction*>(handles_[slot]);
@@ -212,8 +212,8 @@ class Driver {
       CA_ERASE(h, CA_SEARCH(h, 0, (int)any.size(), any.data()));
     else if (what == 3 && h)
       CA_LIST_FREE(h, CA_LIST(h, &count));
-    else if (what == 4 && spares_[other])
-      CA_CLOSE(std::exchange(spares_[other], nullptr));
+    else if (what == 4 && h)
+      CA_CLOSE(Open(other));  // one of two handles
     depth_--;
   }
 
@@ -280,11 +280,9 @@ class Driver {
         Store(slot, b, 0, 0);
         CA_ERASE(h, CA_SEARCH(h, 0, (int)b.size(), b.data()));
       }
-    } else if (op == 15) {  // a second handle: open, or close it
-      if (!spares_[slot])
-        spares_[slot] = Open(slot);
-      else
-        CA_CLOSE(std::exchange(spares_[slot], nullptr));
+    } else if (op == 15) {  // a second handle, then the first one goes
+      void* second = Open(slot);
+      CA_CLOSE(std::exchange(handles_[slot], second));
     } else if (op == 16 && Percent(20)) {
       CA_CLOSE(std::exchange(handles_[slot], nullptr));
     } else if (op == 16) {  // bad input: its result, and nothing changes
@@ -326,7 +324,6 @@ class Driver {
   uint64_t step_ = 0, serial_ = 0;
   std::string op_;
   void* handles_[kCaches] = {};
-  void* spares_[kCaches] = {};
   std::vector<std::pair<int, void*>> holds_;
   std::unordered_map<uint64_t, int> alive_;  // records that will call back
   int depth_ = 0;
