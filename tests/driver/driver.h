@@ -8,10 +8,12 @@
 //  - every destroyed record's callback comes exactly once;
 //  - an insert's result says whether the key was new, a key just stored is
 //    found with the data just stored, a key just erased is not found, a
+//    search finds the key's record unless it is as old as the age limit, a
 //    list holds every record of the tree, and bad input gets its result
 //    and changes nothing.
 // The release callback uses the library again (stores, erases, searches,
-// lists, closes handles), on the record's own cache and on others.
+// lists, opens and closes a second handle), on the record's own cache and
+// on others.
 //
 // The choices come from a seeded generator (the command-line driver) or
 // from the fuzzer's input bytes. The library's clock is the driver's: the
