@@ -102,9 +102,7 @@ class Driver {
   void Expect(bool ok, const std::string& what) {
     if (!ok) throw "step " + std::to_string(step_) + " " + op_ + ": " + what;
   }
-  void Forget() {
-    for (int s = 0; s < kCaches; ++s) handles_[s] = nullptr;
-  }
+  void Forget() { memset(handles_, 0, sizeof handles_); }
   CACache* CacheOf(int slot) {
     auto* h = static_cast<CACacheAction*>(handles_[slot]);
     return h ? h->cache : nullptr;
