@@ -96,9 +96,9 @@ TEST(Threads, AStopIsCooperativeUntilItsTimeOutThenCancelsForGood) {
   t.Start(0, &t), t.Start(0, &deaf), t.Stop();  // the second Start is ignored
   // It returned by itself, not cancelled, having run once for its argument.
   EXPECT_TRUE(Load(t.runState) > 1 && t.runs == 1 && t.argument == &t);
-  deaf.stopTimeout = 150, deaf.Start(0, nullptr);
+  deaf.stopTimeout = 350, deaf.Start(0, nullptr);
   auto stopping = Elsewhere([&] { deaf.Stop(); });
-  EXPECT_TRUE(Blocked(stopping, 150)) << "cancelled before its time-out";
+  EXPECT_TRUE(Blocked(stopping, 350)) << "cancelled before its time-out";
   const int beats = (stopping.get(), deaf.beats.load());
   deaf.Start(0, nullptr), CASleep(30);  // stopped: not started again
   EXPECT_TRUE(deaf.runState == 1 && !deaf.thread && deaf.beats == beats);
