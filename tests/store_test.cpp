@@ -73,8 +73,8 @@ TEST_F(Store, AListIsThePreorderOfEveryRecordInTheTree) {
   int count = -5;
   EXPECT_TRUE(CA_LIST(h, &count) == nullptr && count == 0);
   for (const char* k : {"2", "1", "3"}) Put(h, k, k);
-  CA_ERASE(
-      h, Hold(h, "2"));  // the root loses its record, the records below it stay
+  // The root loses its record; the records below it stay.
+  CA_ERASE(h, Hold(h, "2"));
   void** list = CA_LIST(h, &count);
   ASSERT_EQ(count, 2);
   EXPECT_EQ(Query(h, list[1]).hits, 1);  // listing takes no hold
