@@ -13,11 +13,18 @@
 
 #include "qmcache/castatistic.h"
 
+#include <pthread.h>
 #include <time.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstring>
+#include <memory>
 #include <mutex>
+#include <new>
+#include <unordered_map>
+#include <utility>
+#include <vector>
 
 #if defined(__x86_64__) || defined(__i386__)
 #include <cpuid.h>
@@ -127,26 +134,290 @@ inline double ToSeconds(long ticks) {
 }  // namespace
 
 // ---- CAStatistic ----
+//
+// A statistic may be added to from several threads at once: the library's
+// own MainStat is, whenever a host runs calls on different caches from
+// different threads. Nothing added may be lost, and an Add on one thread must
+// stay as cheap as a plain update. So every set of figures has one writer:
+//  - the first thread that adds to a statistic owns its primary cells;
+//  - every other thread that adds to it gets cells of its own (a shard),
+//    found through a small table of that thread's;
+//  - when a thread ends, its shards are folded into the statistic's
+//    `retired` cells, under the statistic's mutex.
+// A writer updates its cells without any locked instruction (see Cell), and
+// Get merges the primary cells, the shards and the retired cells. `last` is
+// the value whose measurement ended latest: each cell stamps it with the
+// tick at which its thread's stopwatch last stopped.
+//
+// Cleanup must not run while another thread adds to the same statistic (the
+// library empties a cache's statistics only on a call on that cache, which
+// the host serialises); figures added meanwhile may survive it or not.
 
+namespace {
+
+// One slot's figures as one thread writes them. Only that thread writes a
+// cell, so it reads its own figures with plain loads; it publishes each with
+// a relaxed atomic store, and readers on other threads use relaxed atomic
+// loads (Peek), which keeps their concurrent reads well defined.
+struct Cell {
+  unsigned long count = 0;
+  double total = 0, min = 0, max = 0, last = 0;
+  long stamp = 0;  // tick at which `last` was measured
+};
+
+template <typename T>
+inline void Publish(T& field, T value) {
+  __atomic_store(&field, &value, __ATOMIC_RELAXED);
+}
+
+template <typename T>
+inline T Peek(const T& field) {
+  T value;
+  __atomic_load(&field, &value, __ATOMIC_RELAXED);
+  return value;
+}
+
+// A slot's figures merged from several cells.
+struct Figures {
+  unsigned long count = 0;
+  double total = 0, min = 0, max = 0, last = 0;
+  long stamp = 0;
+};
+
+constexpr auto kRelaxed = std::memory_order_relaxed;
+
+// The tick of this thread's latest CAClock::Stop, and this thread's table of
+// shards. Initial-exec TLS: one instruction to reach, no call.
+__attribute__((tls_model("initial-exec"))) thread_local long lastStopTick = 0;
+struct ThreadTable;
+__attribute__((
+    tls_model("initial-exec"))) thread_local ThreadTable* threadTable = nullptr;
+
+// This thread's identity as a statistic owner: an address no other live
+// thread has.
+inline const void* ThisThread() { return &threadTable; }
+
+inline __attribute__((always_inline)) void Write(Cell& c, double value) {
+  const unsigned long n = c.count;
+  if (n == 0 || value < c.min) Publish(c.min, value);
+  if (n == 0 || value > c.max) Publish(c.max, value);
+  Publish(c.total, c.total + value);
+  Publish(c.last, value);
+  Publish(c.stamp, lastStopTick);
+  Publish(c.count, n + 1);
+}
+
+void Merge(const Cell& c, Figures* f) {
+  const unsigned long n = Peek(c.count);
+  if (n == 0) return;
+  const double lo = Peek(c.min), hi = Peek(c.max);
+  const long stamp = Peek(c.stamp);
+  if (f->count == 0 || lo < f->min) f->min = lo;
+  if (f->count == 0 || hi > f->max) f->max = hi;
+  if (f->count == 0 || stamp >= f->stamp) {
+    f->last = Peek(c.last);
+    f->stamp = stamp;
+  }
+  f->count += n;
+  f->total += Peek(c.total);
+}
+
+void Store(const Figures& f, Cell& c) {
+  Publish(c.count, f.count);
+  Publish(c.total, f.total);
+  Publish(c.min, f.min);
+  Publish(c.max, f.max);
+  Publish(c.last, f.last);
+  Publish(c.stamp, f.stamp);
+}
+
+void Clear(Cell* cells, int n) {
+  for (int i = 0; i < n; i++) Store(Figures(), cells[i]);
+}
+
+// The cold parts of a statistic: what the other threads and Get need.
+struct Shared {
+  explicit Shared(int n);
+  const uint64_t id;  // never reused: threads' tables are keyed on it
+  std::mutex mutex;   // guards the two below
+  std::vector<std::unique_ptr<Cell[]>> shards;  // other threads' cells
+  std::unique_ptr<Cell[]> retired;              // ended threads' figures
+};
+
+// A statistic's `slots` points at its primary cells; this header lies just
+// before them, so that an Add reaches the owner and the cells together.
+struct Storage {
+  std::atomic<const void*> owner{nullptr};  // writer of the primary cells
+  Shared* shared;
+  int slots;
+  Cell* primary() { return reinterpret_cast<Cell*>(this + 1); }
+  static Storage* Of(_CAStat* slots) {
+    return reinterpret_cast<Storage*>(slots) - 1;
+  }
+};
+static_assert(sizeof(Storage) % alignof(Cell) == 0, "cells follow aligned");
+
+// Every live statistic by id, so that a thread that ends folds its shards
+// only into statistics that still exist. Never destroyed: a statistic may
+// outlive static destruction.
+struct Registry {
+  std::mutex mutex;
+  std::unordered_map<uint64_t, Storage*> live;
+  uint64_t nextId = 1;
+};
+Registry& Statistics() {
+  static Registry* registry = new Registry;
+  return *registry;
+}
+
+Shared::Shared(int n)
+    : id([] {
+        Registry& r = Statistics();
+        std::lock_guard<std::mutex> hold(r.mutex);
+        return r.nextId++;
+      }()),
+      retired(new Cell[n]) {}
+
+// The shards this thread writes: a direct-mapped table of the latest ones,
+// and all of them with their statistics' ids for the thread's end.
+struct ThreadTable {
+  struct Recent {
+    uint64_t id = 0;
+    Cell* cells = nullptr;
+  };
+  static constexpr size_t kRecent = 64;
+  Recent recent[kRecent];
+  std::vector<std::pair<uint64_t, Cell*>> owned;
+  size_t prunedAt = 16;  // size of `owned` that makes it drop dead entries
+};
+
+// At a thread's end: its shards' figures move into `retired` of every
+// statistic that is still alive.
+void EndThread(void* table) {
+  auto* t = static_cast<ThreadTable*>(table);
+  threadTable = nullptr;
+  Registry& r = Statistics();
+  {
+    std::lock_guard<std::mutex> hold(r.mutex);
+    for (auto& [id, cells] : t->owned) {
+      auto found = r.live.find(id);
+      if (found == r.live.end()) continue;
+      Storage* s = found->second;
+      Shared* sh = s->shared;
+      std::lock_guard<std::mutex> holdStat(sh->mutex);
+      for (int i = 0; i < s->slots; i++) {
+        Figures f;
+        Merge(sh->retired[i], &f);
+        Merge(cells[i], &f);
+        Store(f, sh->retired[i]);
+      }
+      for (auto it = sh->shards.begin(); it != sh->shards.end(); ++it) {
+        if (it->get() != cells) continue;
+        sh->shards.erase(it);
+        break;
+      }
+    }
+  }
+  delete t;
+}
+
+pthread_key_t endKey;
+ThreadTable* TableOfThisThread() {
+  if (threadTable != nullptr) return threadTable;
+  static pthread_once_t once = PTHREAD_ONCE_INIT;
+  pthread_once(&once, [] { pthread_key_create(&endKey, EndThread); });
+  threadTable = new ThreadTable;
+  pthread_setspecific(endKey, threadTable);
+  return threadTable;
+}
+
+// Forgets the shards of statistics that no longer exist.
+void Prune(ThreadTable* t) {
+  Registry& r = Statistics();
+  std::lock_guard<std::mutex> hold(r.mutex);
+  auto dead = [&r](const std::pair<uint64_t, Cell*>& e) {
+    return r.live.count(e.first) == 0;
+  };
+  t->owned.erase(std::remove_if(t->owned.begin(), t->owned.end(), dead),
+                 t->owned.end());
+  t->prunedAt = 2 * t->owned.size() + 16;
+}
+
+// The cells this thread writes for a statistic it does not own: the first
+// thread to add becomes the owner; any other finds (or makes) its shard.
+__attribute__((noinline)) Cell* CellsOfOtherThread(Storage* s) {
+  const void* expected = nullptr;
+  if (s->owner.compare_exchange_strong(expected, ThisThread()))
+    return s->primary();
+  Shared* sh = s->shared;
+  ThreadTable* t = TableOfThisThread();
+  ThreadTable::Recent& recent = t->recent[sh->id % ThreadTable::kRecent];
+  if (recent.id == sh->id) return recent.cells;
+  Cell* cells = nullptr;
+  for (auto& [id, owned] : t->owned) {
+    if (id == sh->id) cells = owned;
+  }
+  if (cells == nullptr) {
+    if (t->owned.size() >= t->prunedAt) Prune(t);
+    std::lock_guard<std::mutex> hold(sh->mutex);
+    sh->shards.emplace_back(new Cell[s->slots]);
+    cells = sh->shards.back().get();
+    t->owned.emplace_back(sh->id, cells);
+  }
+  recent.id = sh->id;
+  recent.cells = cells;
+  return cells;
+}
+
+}  // namespace
+
+// `slots` is the component's own: it points at the primary cells of a
+// Storage (above), not at _CAStat records.
 CAStatistic::CAStatistic(int slots)
-    : slotCount(slots > 0 ? slots : 0),
-      slots(slots > 0 ? new _CAStat[slots]() : nullptr) {}
+    : slotCount(slots > 0 ? slots : 0), slots(nullptr) {
+  if (slotCount == 0) return;
+  void* block = ::operator new(sizeof(Storage) + slotCount * sizeof(Cell));
+  auto* s = new (block) Storage();
+  s->slots = slotCount;
+  for (int i = 0; i < slotCount; i++) new (s->primary() + i) Cell();
+  s->shared = new Shared(slotCount);
+  {
+    Registry& r = Statistics();
+    std::lock_guard<std::mutex> hold(r.mutex);
+    r.live.emplace(s->shared->id, s);
+  }
+  this->slots = reinterpret_cast<_CAStat*>(s->primary());
+}
 
-CAStatistic::~CAStatistic() { delete[] slots; }
+CAStatistic::~CAStatistic() {
+  if (slots == nullptr) return;
+  Storage* s = Storage::Of(slots);
+  {
+    Registry& r = Statistics();
+    std::lock_guard<std::mutex> hold(r.mutex);
+    r.live.erase(s->shared->id);
+  }
+  delete s->shared;
+  s->~Storage();  // the cells are trivially destructible
+  ::operator delete(s);
+}
+
+// The owner's Add is a few loads and stores with no call, so it needs no
+// stack frame; every other thread takes the out-of-line path.
+namespace {
+__attribute__((noinline)) int AddFromOtherThread(Storage* s, int slot,
+                                                 double value) {
+  Write(CellsOfOtherThread(s)[slot], value);
+  return 1;
+}
+}  // namespace
 
 int CAStatistic::Add(int slot, double value) {
   if (slot < 0 || slot >= slotCount) return 0;
-  _CAStat& s = slots[slot];
-  if (s.count == 0) {
-    s.min = value;
-    s.max = value;
-  } else {
-    if (value < s.min) s.min = value;
-    if (value > s.max) s.max = value;
-  }
-  s.count++;
-  s.total += value;
-  s.last = value;
+  Storage* s = Storage::Of(slots);
+  if (__builtin_expect(s->owner.load(kRelaxed) != ThisThread(), 0))
+    return AddFromOtherThread(s, slot, value);
+  Write(s->primary()[slot], value);
   return 1;
 }
 
@@ -156,12 +427,29 @@ int CAStatistic::Get(int slot, _CAStat* out, int /*mode*/) {
     std::memset(out, 0, sizeof(*out));
     return 0;
   }
-  *out = slots[slot];
+  Storage* s = Storage::Of(slots);
+  Figures f;
+  {
+    std::lock_guard<std::mutex> hold(s->shared->mutex);
+    Merge(s->primary()[slot], &f);
+    Merge(s->shared->retired[slot], &f);
+    for (auto& shard : s->shared->shards) Merge(shard[slot], &f);
+  }
+  out->count = f.count;
+  out->total = f.total;
+  out->min = f.min;
+  out->max = f.max;
+  out->last = f.last;
   return 1;
 }
 
 int CAStatistic::Cleanup() {
-  for (int i = 0; i < slotCount; i++) slots[i] = _CAStat();
+  if (slots == nullptr) return 1;
+  Storage* s = Storage::Of(slots);
+  std::lock_guard<std::mutex> hold(s->shared->mutex);
+  Clear(s->primary(), slotCount);
+  Clear(s->shared->retired.get(), slotCount);
+  for (auto& shard : s->shared->shards) Clear(shard.get(), slotCount);
   return 1;
 }
 
@@ -185,6 +473,7 @@ double CAClock::Stop() {
   startTicks = 0;
   suspendTicks = 0;
   suspendedTotal = 0;
+  lastStopTick = end;
   if (run <= 0) return 0.0;
   return ToSeconds(run);
 }

@@ -9,7 +9,9 @@
  * the largest and the last. A CAClock is a stopwatch whose suspended
  * intervals are not counted.
  *
- * Neither class locks: the owner serialises its use of one object. */
+ * A CAStatistic may be added to and read from several threads at once
+ * without losing a value; Cleanup and the destructor must not overlap an Add
+ * on the same object. A CAClock is one stopwatch for one thread at a time. */
 #ifndef QMCACHE_CASTATISTIC_H
 #define QMCACHE_CASTATISTIC_H
 
