@@ -1,7 +1,9 @@
 #!/usr/bin/env bash
 # Packaging check: install the release build into a scratch prefix, check
 # the installed tree, then build the example host in examples/consumer
-# against it twice (CMake package, pkg-config) and run both programs.
+# against it twice (CMake package, pkg-config) and run both programs as a
+# host would: without LD_LIBRARY_PATH, so that they start only if the
+# installed library finds its companions on its own.
 # Exits non-zero on the first failure.
 set -euo pipefail
 cd "$(dirname "$0")/.."
@@ -46,13 +48,17 @@ need() {
 for header in qmcache.h qmcache.hpp castatistic.h ybtrace.h export.h; do
   need "$prefix/include/qmcache/$header"
 done
+version=$(sed -n 's/^project(qmcache VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)
+need "$libdir/libqmcache.so.$version"
 for lib in qmcache qmstat ybtrace; do
   need "$libdir/lib$lib.so"
   need "$libdir/lib$lib.so.1"
-  need "$libdir/lib$lib.so.1.0.0"
 done
-soname=$(objdump -p "$libdir/libqmcache.so.1.0.0" | awk '/SONAME/ {print $2}')
+soname=$(objdump -p "$libdir/libqmcache.so.$version" | awk '/SONAME/ {print $2}')
 [ "$soname" = libqmcache.so.1 ] || fail "libqmcache's SONAME is '$soname'"
+runpath=$(objdump -p "$libdir/libqmcache.so.1" | awk '/RUNPATH/ {print $2}')
+[ "$runpath" = '$ORIGIN' ] || fail "libqmcache's RUNPATH is '$runpath'"
+need "$prefix/share/doc/qmcache/LICENSE"
 for f in qmcacheConfig.cmake qmcacheConfigVersion.cmake qmcacheTargets.cmake; do
   need "$libdir/cmake/qmcache/$f"
 done
@@ -80,9 +86,8 @@ PKG_CONFIG_PATH="$libdir/pkgconfig" make -s -C examples/consumer \
 
 for build in cmake-build pc-build; do
   step "run the $build program"
-  (cd "$work" &&
-    LD_LIBRARY_PATH="$libdir" "$work/$build/page_cache" \
-      "$work/$build.trace" >"$work/$build.out") ||
+  (cd "$work" && env -u LD_LIBRARY_PATH "$work/$build/page_cache" \
+    "$work/$build.trace" >"$work/$build.out") ||
     { cat "$work/$build.out"; fail "the $build program failed"; }
   grep -q "CACACHE Closed" "$work/$build.trace" ||
     fail "the $build program's trace log has no closing line"

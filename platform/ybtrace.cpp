@@ -60,7 +60,7 @@ std::string ToHex(const std::vector<unsigned char>& bytes) {
   return hex;
 }
 
-void Record(std::shared_ptr<StoredEntry> entry) {
+void Record(const std::shared_ptr<StoredEntry>& entry) {
   Log& log = TheLog();
   YBTRACE_Callback callback;
   void* context;
@@ -94,7 +94,7 @@ YBTRACE_API int YBTRACE_Text(unsigned int traceId, const char* text,
   // Exactly `length` characters: the text need not be zero-terminated.
   if (text != nullptr) entry->text.assign(text, length);
   Publish(entry.get(), traceId, YBTRACE_KIND_TEXT);
-  Record(std::move(entry));
+  Record(entry);
   return 0;
 }
 
@@ -113,7 +113,7 @@ YBTRACE_API int YBTRACE_Trace2(unsigned int traceId, const char* label,
   }
   entry->hex = ToHex(entry->bytes);
   Publish(entry.get(), traceId, YBTRACE_KIND_DUMP);
-  Record(std::move(entry));
+  Record(entry);
   return 0;
 }
 

@@ -103,7 +103,7 @@ bool GrowGrades(CAFree* f) {
   if (grades == nullptr) return false;
   f->grades = grades;
   BTree** candidates =
-      static_cast<BTree**>(realloc(f->candidates, capacity * sizeof(BTree*)));
+      static_cast<BTree**>(realloc(f->candidates, capacity * sizeof(void*)));
   if (candidates == nullptr) return false;
   f->candidates = candidates;
   f->gradCapacity = capacity;
@@ -159,7 +159,7 @@ CAFree::CAFree(int singleThreaded) : clock(), lock1(), lock2() {
   gradCapacity = kGradStep;
   SingleThreaded = singleThreaded;
   grades = static_cast<double*>(malloc(kGradStep * sizeof(double)));
-  candidates = static_cast<BTree**>(malloc(kGradStep * sizeof(BTree*)));
+  candidates = static_cast<BTree**>(malloc(kGradStep * sizeof(void*)));
   if (grades == nullptr || candidates == nullptr) {
     // Start empty; the first candidate of a pass tries again.
     free(grades);

@@ -84,7 +84,7 @@ void Trace::Write(char const* format, ...) {
 
   va_list args;
   va_start(args, format);
-  vfprintf(file, format, args);
+  vfprintf(file, format, args);  // NOLINT(clang-analyzer-valist.Uninitialized)
   va_end(args);
   fprintf(file, " at %s", timeText);
   fflush(file);

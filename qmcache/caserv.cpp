@@ -488,6 +488,9 @@ void* TP(void* arg) {
   // `thread` is stored only after pthread_create has returned.
   while (__atomic_load_n(&t->thread, __ATOMIC_SEQ_CST) == nullptr) CASleep(0);
   StoreInt(&t->runState, 0);
+  // Stop's last resort must end a procedure that never reaches a
+  // cancellation point, so the thread accepts cancellation anywhere.
+  // NOLINTNEXTLINE(concurrency-thread-canceltype-asynchronous)
   pthread_setcanceltype(PTHREAD_CANCEL_ASYNCHRONOUS, nullptr);
   CASleep(0);
   t->Procedure();

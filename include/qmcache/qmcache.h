@@ -56,7 +56,7 @@ extern "C" {
 
 /* Version of this interface. */
 #define QMCACHE_VERSION_MAJOR 1
-#define QMCACHE_VERSION_MINOR 0
+#define QMCACHE_VERSION_MINOR 1
 #define QMCACHE_VERSION_PATCH 0
 
 /* Record flag bits (CA_INSERT's `flags`). All other bits are stored and
