@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # The binary interface of libqmcache against the committed baseline
 # .ci/libqmcache.abi (libabigail's abidw format). Fails on any difference
 # that abidiff reports: a removed, added or changed symbol, a changed size,

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Packaging check: install the release build into a scratch prefix, check
 # the installed tree, then build the example host in examples/consumer
 # against it twice (CMake package, pkg-config) and run both programs as a
@@ -65,7 +66,11 @@ done
 need "$pc"
 # Only the library's own entry points are exported: every CA_ call, and
 # nothing of the C++ standard library's inline code.
+# Each carries the version node QMCACHE_1.0.
 exported=$(nm -D --defined-only "$libdir/libqmcache.so" | awk '{print $3}')
+unversioned=$(grep -v '@@QMCACHE_1\.0$' <<<"$exported" | grep -vx 'QMCACHE_1\.0' || true)
+[ -z "$unversioned" ] || fail "symbols outside QMCACHE_1.0: $unversioned"
+exported=$(sed 's/@@QMCACHE_1\.0$//' <<<"$exported")
 for call in CA_INIT CA_DEINIT CA_GETSTAT CA_CREATE CA_GETCACHESTAT CA_CLOSE \
   CA_INSERT CA_SEARCH CA_QUERY CA_FREE CA_ERASE CA_SETFREE CA_LIST \
   CA_LIST_FREE CA_SETCHECK CA_CHECKCACHE; do

@@ -1,4 +1,5 @@
 #!/usr/bin/env bash
+# SPDX-License-Identifier: MIT
 # Reliability checks beyond the plain and ASan+UBSan test runs:
 #  1. the lock and thread tests under ThreadSanitizer (the `tsan` workflow);
 #  2. the whole test suite once under valgrind memcheck, failing on any

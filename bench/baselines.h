@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Reference containers measured next to libqmcache on the same workloads.
 #ifndef QMCACHE_BENCH_BASELINES_H
 #define QMCACHE_BENCH_BASELINES_H

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Shared pieces of the benchmarks: key sets, the value block, Zipf samples,
 // a controllable wall clock and heap accounting.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Record operations of libqmcache against std::map and a hand-written LRU
 // cache, with the same keys and 64-byte values, at several sizes.
 //

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Cost of one eviction pass and of one key-tree rebuild over caches of
 // 10^4, 10^5 and 10^6 records.
 //

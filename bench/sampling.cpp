@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 #include "sampling.h"
 
 #include <algorithm>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Deterministic sampling for the benchmarks and the comparison program: a
 // splitmix64 generator, random permutations and Zipf-distributed draws, so
 // that both measure the same access patterns.

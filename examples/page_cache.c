@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 /* page_cache: a web server's cache of rendered pages, kept by libqmcache.
  *
  * The host renders pages and keeps them in one cache with a small budget

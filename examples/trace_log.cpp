@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Installs the library's trace log for a host written in C (see trace_log.h).
 #include "trace_log.h"
 

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* A C host's door to the library's trace log.
  *
  * The trace log is a C++ object: a host installs one by storing

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // workers: the library's building blocks in a multi-threaded C++ host.
 //
 // Four worker threads (CAThread) count the words of a text into one key tree

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Statistic slots and a stopwatch (libqmstat).
 //
 // The stopwatch runs around every cache operation, so reading the time must

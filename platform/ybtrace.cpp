@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The trace service stand-in: an in-memory, thread-safe log of text entries
 // and labelled memory dumps.
 //

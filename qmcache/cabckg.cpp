@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The reclamation controller (CAFree): eviction passes, key-tree rebuilds,
 // the trigger entry point and the pending list.
 //

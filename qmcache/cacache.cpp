@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Caches, the registry and access handles; the record operations of a
 // handle; listing; the reclamation triggers; the structure check.
 #include <assert.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // Links between the library's own modules that are not part of the
 // exported interface.
 #ifndef QMCACHE_CAINTERNAL_H

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The exported CA_ calls, the library's global state and the trace log.
 #include <assert.h>
 #include <stdarg.h>
@@ -156,8 +157,9 @@ int CA_GETSTAT(void* handle, int slot, _CAStat* out) {
   return 0;
 }
 
-// A null name opens nothing (null result); a null parameter record opens the
-// cache with the default budget and receives nothing back.
+// A null name opens nothing (null result); a null parameter record reads as
+// maxBytes 0 (the default budget at creation, a budget of 0 on a re-open) and
+// receives nothing back.
 void* CA_CREATE(const char* name, CAParams* params) {
   InitOnDemand();
   if (name == nullptr) return nullptr;

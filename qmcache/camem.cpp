@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Records: a data buffer plus the bookkeeping of search, eviction and
 // release, and the reference counting that decides when a record goes.
 //

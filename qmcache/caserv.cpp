@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The data buffer, the lock and event classes, the worker-thread wrapper and
 // the sleep helper.
 //

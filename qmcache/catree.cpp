@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The key tree: a binary search tree of heap nodes, each holding a copy of a
 // byte-string key and an unowned payload, rebalanced after every insertion
 // by at most one single rotation; its stackless in-order walk; and its

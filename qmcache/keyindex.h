@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // An index from key to tree node for one cache's record tree, so that a
 // search, a miss and a replacement find the key's node without descending
 // the tree. The tree stays what it is (its shape, its nodes, the order in

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The nodes of one cache's record tree, each in one block with its key copy,
 // bump-allocated from chunks that belong to the tree as a whole.
 //

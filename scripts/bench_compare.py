@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Runs qmcache_compare for every contender and workload, each in a process
 of its own, and keeps what they measured.
 

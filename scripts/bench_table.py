@@ -1,4 +1,5 @@
 #!/usr/bin/env python3
+# SPDX-License-Identifier: MIT
 """Runs qmcache_bench and qmcache_compare and writes docs/PERFORMANCE.md.
 
 Two programs feed the report:

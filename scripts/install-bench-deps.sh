@@ -1,4 +1,5 @@
 #!/bin/sh
+# SPDX-License-Identifier: MIT
 # Installs the libraries that the comparison benchmark (bench/compare)
 # measures libqmcache against: RocksDB's and LevelDB's block caches, from
 # Debian's packages. Run as root, or as a user who may sudo. Safe to run

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The public header from plain C: a cache's life through the main calls.
 // Exits non-zero, naming each failed check, when a check fails.
 #include <stdio.h>

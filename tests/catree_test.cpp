@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The key tree: its order, its shapes after rotation, its walk and its
 // printing self-check.
 #include <string.h>

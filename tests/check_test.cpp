@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The structure check: its verdict and the report of the first fault, read
 // back from the trace service. Each case damages one field and repairs it.
 #include <stdint.h>

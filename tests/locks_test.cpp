@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Events, timed mutexes, the shared/exclusive gate and the worker thread, in
 // single-threaded mode (everything succeeds at once) and with real threads.
 #include <gtest/gtest.h>

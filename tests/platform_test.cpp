@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The companions and the data buffer: statistic slots and the stopwatch
 // (libqmstat), the in-memory trace service (libybtrace), and CAMem.
 #include <string.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Reclamation: grading, eviction passes, tree rebuilds, their triggers, and
 // a release callback that uses the library while a replacement is under way
 // (the random driver's callbacks do so at random, in passes too).

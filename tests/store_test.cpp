@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Caches, handles and records through the C interface: what each call
 // returns, what it changes, when records die and what bad input gets.
 #include <string.h>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // What the tests share: the C interface turned into plain values, a clock
 // the tests set, the release callback's log and the trace log's lines.
 // Every test program includes this header once: it defines time() for the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // The trace log: one line per call, after the call's work (before it for the
 // status calls), with the values the call saw, also for invalid handles.
 #include <thread>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // qmcache_compare: one cache library, one workload, one process.
 //
 // Every contender stores the same 16-byte random keys with 64-byte values

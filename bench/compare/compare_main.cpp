@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qmcache_compare --contender NAME --workload NAME [options]
 //
 // Runs one workload against one cache library in this process and prints

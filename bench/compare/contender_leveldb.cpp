@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // LevelDB's block cache (a sharded LRU) used as a key-value cache; every
 // entry is charged its 64 value bytes.
 #include <leveldb/cache.h>

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // libqmcache through its C interface, as a C host uses it.
 #include <cstdio>
 

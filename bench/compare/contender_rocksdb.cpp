@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // RocksDB's block caches used as a key-value cache: the LRU cache and the
 // HyperClockCache. Every entry is charged its 64 value bytes; the caches'
 // own metadata is not charged, so a budget holds as many entries as the

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // Containers a host writes without a cache library: std::map (no eviction)
 // and the hand-written LRU cache of bench/baselines.h.
 #include <cstdint>

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The contenders of qmcache_compare. Each runs one workload of `Options` and
 // fills `Result`; the ones built on a library that was not found at
 // configure time are left out (QMCOMPARE_HAVE_*).

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // The value the block-cache contenders keep: a heap block of the 64 bytes,
 // given to the cache with a deleter that frees it, the way a host hands an
 // object to RocksDB's or LevelDB's cache.

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The statistics component: timing slots and a stopwatch.
  *
  * libqmcache does not implement these classes itself; it links against the

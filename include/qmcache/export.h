@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* Symbol visibility for libqmcache and its platform companions.
  *
  * The libraries are built with hidden visibility; only what is marked with

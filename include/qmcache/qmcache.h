@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* libqmcache: named in-memory caches of keyed records inside the process.
  *
  * A cache is known by its name. CA_CREATE opens it and returns an access
@@ -35,6 +36,16 @@
  *  that can start reclamation (CA_INSERT and CA_ERASE, on any cache), since
  *  eviction runs on the caller's thread with process-wide scratch state.
  *  CA_INIT and CA_DEINIT must not run concurrently with any other call.
+ *  Calls on different caches may otherwise run at once: the library-wide
+ *  statistic loses no value to them.
+ *
+ * Reserved names
+ *  The library exports the globals `trace`, `cafree`, `free_handle`,
+ *  `SingleThreaded` and `MainStat` under these plain names (qmcache.hpp
+ *  declares them). A host must not define a global of any of these names:
+ *  the dynamic linker binds the library's references to the host's object,
+ *  and the first call that uses it fails. The CA_ and YBTRACE_ prefixes and
+ *  the classes listed in docs/REFERENCE.md are reserved too.
  *
  * Reclamation
  *  When a cache's `allocated` bytes pass its `maxBytes`, the insert that
@@ -147,10 +158,11 @@ QMCACHE_API int CA_GETSTAT(void* handle, int slot, _CAStat* out);
 
 /* Opens the cache `name` (created on first open, with `params->maxBytes` as
  * budget, 0 meaning 1 MiB) and returns a new handle; null only for a null
- * `name` (a null `params` opens with the default budget). Opening an
- * existing cache empties its statistics and sets its budget to
- * `params->maxBytes` as given (0 included). The cache's parameters are
- * written back to `params`. Initialises on demand. */
+ * `name`. Opening an existing cache empties its statistics and sets its
+ * budget to `params->maxBytes` as given (0 included). The cache's parameters
+ * are written back to `params`. A null `params` reads as `maxBytes` 0 and
+ * receives nothing: the default budget at creation, but a budget of 0 on a
+ * re-open. Initialises on demand. */
 QMCACHE_API void* CA_CREATE(const char* name, CAParams* params);
 
 /* Copies the cache's parameters to `params`. Returns 1, or 0 (params

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // libqmcache's exported C++ classes and globals.
 //
 // Hosts that only cache records need nothing but qmcache.h. This header

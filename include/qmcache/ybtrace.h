@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 /* The trace service: a process-wide log of text entries and labelled memory
  * dumps, written by libqmcache's structure check.
  *

@@ -1,3 +1,4 @@
+/* SPDX-License-Identifier: MIT */
 // A random driver of the exported calls that checks, as it goes, what the
 // library states about itself:
 //  - the structure check finds nothing; the tree's self-check prints nothing

@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // qmcache_random: the random driver (driver.h) over a range of seeds.
 //   qmcache_random [FIRST [LAST [STEPS [BULK]]]]
 #include <stdio.h>

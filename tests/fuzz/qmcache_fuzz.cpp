@@ -1,3 +1,4 @@
+// SPDX-License-Identifier: MIT
 // libFuzzer target: the input bytes choose the steps of the random driver
 // (driver.h). A failed check aborts with its description; the sanitizers
 // catch memory and undefined-behaviour errors, the leak checker anything a
