@@ -194,9 +194,9 @@ struct ThreadTable;
 __attribute__((
     tls_model("initial-exec"))) thread_local ThreadTable* threadTable = nullptr;
 
-// This thread's identity as a statistic owner: an address no other live
-// thread has.
-inline const void* ThisThread() { return &threadTable; }
+// This thread's identity as a statistic owner: its thread pointer, which no
+// other live thread has (one instruction to read).
+inline const void* ThisThread() { return __builtin_thread_pointer(); }
 
 inline __attribute__((always_inline)) void Write(Cell& c, double value) {
   const unsigned long n = c.count;
