@@ -43,7 +43,7 @@ need() {
   [ -e "$1" ] || fail "missing: ${1#"$prefix"/}"
   checks=$((checks + 1))
 }
-for header in qmcache.h qmcache.hpp castatistic.h ybtrace.h export.h; do
+for header in qmcache.h qmcache.hpp cache.hpp castatistic.h ybtrace.h export.h; do
   need "$prefix/include/qmcache/$header"
 done
 for lib in qmcache qmstat ybtrace; do
