@@ -97,10 +97,16 @@ inline constexpr int kCallback = CAREC_CALLBACK;  // call the release callback
 inline constexpr int kPinned = CAREC_PINNED;      // never evicted
 inline constexpr int kExpires = CAREC_EXPIRES;    // goes after `lifetime` s
 
+// insert()'s options, in this order: {tag, flags, lifetime, length}. (A
+// constructor rather than an aggregate, so that {tag} draws no
+// missing-initializer warning.)
 struct InsertOptions {
-  int tag = 0;
-  int flags = 0;
-  int lifetime = 0;  // seconds; read for records with kExpires
+  InsertOptions(int tag_ = 0, int flags_ = 0, int lifetime_ = 0,
+                std::optional<std::size_t> length_ = std::nullopt) noexcept
+      : tag(tag_), flags(flags_), lifetime(lifetime_), length(length_) {}
+  int tag;
+  int flags;
+  int lifetime;  // seconds; read for records with kExpires
   // Bytes charged against the budget; the data's size when not given.
   std::optional<std::size_t> length;
 };
@@ -398,10 +404,13 @@ class BasicCache {
   // lives on while held). May run an eviction pass before it returns.
   int insert(std::string_view key, std::string_view data,
              const InsertOptions& options = {}) {
-    return insert(key, data.data(), data.size(), options);
+    return insert(key, static_cast<const void*>(data.data()), data.size(),
+                  options);
   }
+  // (No default options here: insert(key, "text", {tag}) must not take
+  // {tag} for a size.)
   int insert(std::string_view key, const void* data, std::size_t size,
-             const InsertOptions& options = {}) {
+             const InsertOptions& options) {
     const std::size_t length = options.length.value_or(size);
     if (h_ == nullptr || key.size() > detail::kMaxLength ||
         size > detail::kMaxLength || length > detail::kMaxLength ||
