@@ -43,13 +43,14 @@
 //    erase (an emptied node can pass the free-node limit). The eviction pass
 //    and the tree rebuild work in the controller's process-wide arrays, so
 //    insert() and erase() also hold one process-wide lock, qm::processLock().
-//    Giving a hold back never starts reclamation (it only destroys a record
-//    that already left its tree), so it takes the cache's lock alone;
+//    Giving a hold back never starts reclamation (at most it destroys a
+//    record that already left its tree), so it takes the cache's lock alone;
 //  - opening and closing, which change the registry of cache names and the
 //    controller's list: these hold the process-wide lock as well.
 // The process-wide lock is always taken before a cache's lock. Code that
-// calls the C interface beside a SharedCache in the same process takes the
-// same locks in the same order.
+// calls the C interface beside SharedCache in the same process holds
+// qm::processLock() around its own inserts, erases, opens and closes, and
+// leaves the caches that SharedCache has open to it.
 //
 // What these locks do not cover: every timed call also adds to the
 // library-wide statistic (CA_GETSTAT with a null handle), which no lock
