@@ -46,7 +46,7 @@ need() {
   [ -e "$1" ] || fail "missing: ${1#"$prefix"/}"
   checks=$((checks + 1))
 }
-for header in qmcache.h qmcache.hpp castatistic.h ybtrace.h export.h; do
+for header in qmcache.h qmcache.hpp cache.hpp castatistic.h ybtrace.h export.h; do
   need "$prefix/include/qmcache/$header"
 done
 version=$(sed -n 's/^project(qmcache VERSION \([0-9.]*\).*/\1/p' CMakeLists.txt)

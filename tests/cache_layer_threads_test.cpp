@@ -1,0 +1,114 @@
+// SPDX-License-Identifier: MIT
+// The C++ layer (cache.hpp): holds given back exactly once, through moves,
+// resets, erases and a cache that goes first; arguments the C interface
+// cannot carry; SharedCache's locks under ThreadSanitizer.
+#include <climits>
+#include <mutex>
+#include <thread>
+
+#include "qmcache/cache.hpp"
+#include "support.h"
+
+namespace {
+
+template <typename C>
+class Layer : public ::testing::Test {};
+using Kinds = ::testing::Types<qm::Cache, qm::SharedCache>;
+TYPED_TEST_SUITE(Layer, Kinds);
+
+TYPED_TEST(Layer, EveryHoldIsGivenBackOnce) {
+  TypeParam c("layer-once");
+  ASSERT_EQ(c.insert("k", "value", {3}), qm::kAdded);
+  {
+    qm::Hold a = c.find("k");
+    ASSERT_TRUE(a);
+    EXPECT_EQ(a.data(), "value");
+    EXPECT_EQ(a.length(), 5);
+    qm::Hold b = std::move(a);
+    a.reset();
+    EXPECT_FALSE(a);
+    b = c.find("k");  // the first hold goes back here
+    EXPECT_EQ(c.stats().release.count, 1u);
+    EXPECT_EQ(b.hits(), 3);
+    b.reset();
+    b.reset();
+    EXPECT_EQ(c.stats().release.count, 2u);
+    qm::Hold e = c.find("k");
+    EXPECT_TRUE(c.erase(e));
+    EXPECT_FALSE(e);
+    EXPECT_FALSE(c.erase(e));
+  }
+  EXPECT_EQ(c.stats().release.count, 2u);
+  EXPECT_EQ(c.stats().erase.count, 1u);
+  EXPECT_FALSE(c.find("k"));
+  EXPECT_EQ(c.params().allocated, 0u);
+}
+
+TYPED_TEST(Layer, AHoldKeepsItsCacheOpen) {
+  qm::Hold h;
+  {
+    TypeParam c("layer-orphan");
+    c.insert("k", "value", {0, 0, 0, 100});
+    h = c.find("k");
+  }
+  EXPECT_EQ(h.data(), "value");
+  EXPECT_EQ(h.key(), "k");
+  EXPECT_EQ(h.length(), 100);
+  h.reset();  // the last hold closes the handle: the cache goes
+  EXPECT_EQ(TypeParam("layer-orphan").params().nodes, 0u);
+}
+
+TEST(LayerArguments, WhatTheCInterfaceCannotCarryIsRefused) {
+  qm::Cache c("layer-refused");
+  const std::size_t tooLong = std::size_t(INT_MAX) + 1;
+  const std::string_view hugeKey("k", tooLong);  // never read
+  EXPECT_EQ(c.insert(hugeKey, "v"), qm::kRefused);
+  EXPECT_EQ(c.insert("k", "v", tooLong, {}), qm::kRefused);
+  EXPECT_EQ(c.insert("k", "v", {0, 0, 0, tooLong}), qm::kRefused);
+  EXPECT_EQ(c.insert("k", nullptr, 1, {}), qm::kRefused);
+  EXPECT_FALSE(c.find(hugeKey));
+  EXPECT_EQ(c.params().nodes, 0u);
+  qm::Cache none, nul(std::string_view("a\0b", 3));
+  EXPECT_FALSE(nul);
+  EXPECT_EQ(none.insert("k", "v"), qm::kRefused);
+  EXPECT_FALSE(none.find("k"));
+}
+
+// Four threads share one cache and each has a cache of its own; all run
+// eviction passes (the budgets are small). Holds found by one thread are
+// given back by another.
+TEST(LayerThreads, SharedAndSeparateCaches) {
+  qm::SharedCache shared("layer-shared", 1000);
+  std::mutex handoffLock;
+  std::vector<qm::Hold> handoff;
+  auto work = [&](int t) {
+    qm::SharedCache own("layer-own-" + std::to_string(t), 100);
+    for (int i = 0; i < 400; ++i) {
+      const std::string key = std::to_string(i % 50);
+      shared.insert(key, std::string(40, char('a' + t)));
+      own.insert(key, "own");
+      qm::Hold h = shared.find(key);
+      if (h && i % 3 == 0) shared.erase(h);
+      {
+        std::lock_guard<std::mutex> lock(handoffLock);
+        handoff.push_back(std::move(h));
+        if (handoff.size() > 8) handoff.erase(handoff.begin());
+      }
+      qm::Hold o = own.find(key);
+      EXPECT_TRUE(o && o.data() == "own");
+    }
+  };
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) threads.emplace_back(work, t);
+  for (std::thread& t : threads) t.join();
+  handoff.clear();
+
+  const qm::Stats s = shared.stats();
+  EXPECT_GT(s.eviction.count, 0u);
+  EXPECT_EQ(s.searchHit.count, s.release.count + s.erase.count);
+  unsigned long charged = 0;
+  shared.forEach([&](const qm::Entry& e) { charged += e.length(); });
+  EXPECT_EQ(shared.params().allocated, charged);
+}
+
+}  // namespace
