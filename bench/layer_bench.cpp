@@ -16,8 +16,17 @@
 //                                one SharedCache), own_cache (a SharedCache
 //                                per thread), c_one_mutex (a cache per thread
 //                                through the C calls, every call under one
-//                                host mutex, the simplest correct host)
+//                                host mutex, the simplest correct host),
+//                                rocksdb_lru (all threads share one RocksDB
+//                                LRUCache, when RocksDB is built in)
 #include <benchmark/benchmark.h>
+
+#ifndef QMBENCH_HAVE_ROCKSDB
+#define QMBENCH_HAVE_ROCKSDB 0
+#endif
+#if QMBENCH_HAVE_ROCKSDB
+#include <rocksdb/cache.h>
+#endif
 
 #include <cstring>
 #include <memory>
@@ -148,7 +157,7 @@ void Layer(benchmark::State& state, bool hit) {
 
 // ---- several threads ----
 
-enum How { kOneCache, kOwnCache, kCOneMutex };
+enum How { kOneCache, kOwnCache, kCOneMutex, kRocksLru };
 constexpr int kMaxThreads = 2;
 
 struct Shared {
@@ -156,7 +165,32 @@ struct Shared {
   std::unique_ptr<qm::SharedCache> own[kMaxThreads];
   void* handles[kMaxThreads] = {};
   std::mutex hostMutex;
+#if QMBENCH_HAVE_ROCKSDB
+  std::shared_ptr<rocksdb::Cache> rocks;
+#endif
 };
+
+#if QMBENCH_HAVE_ROCKSDB
+// The peer's lookup: the same round trip, a copy of the value between
+// Lookup and Release.
+bool RocksLookup(rocksdb::Cache& c, const std::string& k, char* out) {
+  rocksdb::Cache::Handle* h = c.Lookup(k);
+  if (h == nullptr) return false;
+  std::memcpy(out, c.Value(h), kValueSize);
+  c.Release(h);
+  return true;
+}
+
+void DeleteValue(const rocksdb::Slice&, void* value) {
+  delete[] static_cast<char*>(value);
+}
+
+void RocksInsert(rocksdb::Cache& c, const std::string& k) {
+  char* v = new char[kValueSize];
+  std::memcpy(v, ValueBytes(), kValueSize);
+  (void)c.Insert(k, v, kValueSize, &DeleteValue);
+}
+#endif
 
 Shared& Caches() {
   static Shared* s = [] {
@@ -166,6 +200,13 @@ Shared& Caches() {
       shared->own[t].reset(Filled<qm::SharedCache>("own"));
       shared->handles[t] = FilledHandle("mutex");
     }
+#if QMBENCH_HAVE_ROCKSDB
+    rocksdb::LRUCacheOptions opts;
+    opts.capacity = 64 * kLayerRecords * kValueSize;  // never evicts
+    opts.metadata_charge_policy = rocksdb::kDontChargeCacheMetadata;
+    shared->rocks = rocksdb::NewLRUCache(opts);
+    for (const std::string& k : StoredKeys()) RocksInsert(*shared->rocks, k);
+#endif
     return shared;
   }();
   return *s;
@@ -202,6 +243,14 @@ void Threads(benchmark::State& state, How how, bool mixed) {
           hits += CLookup(s.handles[t], k, out);
         break;
       }
+      case kRocksLru:
+#if QMBENCH_HAVE_ROCKSDB
+        if (insert)
+          RocksInsert(*s.rocks, k);
+        else
+          hits += RocksLookup(*s.rocks, k, out);
+#endif
+        break;
     }
     benchmark::DoNotOptimize(out);
     ++n;
@@ -226,7 +275,9 @@ int RegisterLayer() {
     for (auto [how, name] :
          {std::pair<How, const char*>{kOneCache, "one_cache"},
           {kOwnCache, "own_cache"},
-          {kCOneMutex, "c_one_mutex"}}) {
+          {kCOneMutex, "c_one_mutex"},
+          {kRocksLru, "rocksdb_lru"}}) {
+      if (how == kRocksLru && !QMBENCH_HAVE_ROCKSDB) continue;
       for (int threads = 1; threads <= kMaxThreads; ++threads) {
         const std::string full = std::string("layer/mt_") +
                                  (mixed ? "mixed/" : "lookup/") + name + "/" +
