@@ -360,6 +360,7 @@ int CAFree::Compress(CACacheAction* action) {
   if (trace) trace->Write("CACACHE %zu record deleted", deleted);
   RecordPass(cache, kEvictionSlot, clock.Stop());
   busy = wasBusy;
+  if (!wasBusy) ApplyDeferredMode();  // may delete this controller
   return result;
 }
 
@@ -432,6 +433,7 @@ void CAFree::TriggerFree(CACache* cache) {
   RebuildTree(action);
   delete action;
   busy = 0;
+  ApplyDeferredMode();  // may delete this controller
 }
 
 void CAFree::Procedure() {
@@ -463,6 +465,7 @@ void CAFree::Procedure() {
       link = &entry->next;
     }
   }
+  if (!wasBusy) ApplyDeferredMode();  // may delete this controller
 }
 
 void CAFree::DeleteFromList(CACache* cache) {
