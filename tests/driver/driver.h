@@ -284,6 +284,7 @@ class Driver {
       const std::string base = "b" + std::to_string(Below(1000000)) + ".";
       for (uint32_t i = 0; i < n; ++i) {
         const std::string b = base + std::to_string(i);
+        inUse_ = Opened(slot);
         Store(slot, b, 0, 0);
         void* r = CA_SEARCH(Opened(slot), 0, (int)b.size(), b.data());
         // Erased through any cache's handle: the pass that the erase fires
