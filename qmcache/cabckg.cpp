@@ -11,6 +11,11 @@
 //    through CACache::FreeNode. A nested pass would overwrite the candidate
 //    arrays and could rebuild (and so free) the very tree nodes that the
 //    running pass still holds in `candidates`.
+//  - A release callback of a pass may ask CA_INIT for the other mode, which
+//    replaces the controller. The replacement waits until the controller is
+//    idle again: TriggerFree, and Compress or Procedure called on an idle
+//    controller, apply it last thing (ApplyDeferredMode), as it may delete
+//    the controller they run on.
 //  - The candidate arrays survive from pass to pass and only grow, so a cache
 //    of steady size grades its records without allocating.
 //
@@ -361,6 +366,7 @@ int CAFree::Compress(CACacheAction* action) {
   if (trace) trace->Write("CACACHE %zu record deleted", deleted);
   RecordPass(cache, kEvictionSlot, clock.Stop());
   busy = wasBusy;
+  if (!wasBusy) ApplyDeferredMode();  // may delete this controller
   return result;
 }
 
@@ -433,6 +439,7 @@ void CAFree::TriggerFree(CACache* cache) {
   RebuildTree(action);
   delete action;
   busy = 0;
+  ApplyDeferredMode();  // may delete this controller
 }
 
 void CAFree::Procedure() {
@@ -464,6 +471,7 @@ void CAFree::Procedure() {
       link = &entry->next;
     }
   }
+  if (!wasBusy) ApplyDeferredMode();  // may delete this controller
 }
 
 void CAFree::DeleteFromList(CACache* cache) {

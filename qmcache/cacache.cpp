@@ -56,6 +56,29 @@ void TriggerWithClock(CACache* cache, CACacheAction* action) {
   if (action != nullptr) action->clock.Resume();
 }
 
+// The handles of the handle operations in progress on this thread, checked
+// by a debug build: a release callback must not close one of them.
+class InUse {
+ public:
+#ifdef NDEBUG
+  explicit InUse(const CACacheAction*) {}
+#else
+  explicit InUse(const CACacheAction* action) { Handles().push_back(action); }
+  ~InUse() { Handles().pop_back(); }
+  static bool Has(const CACacheAction* action) {
+    for (const CACacheAction* h : Handles())
+      if (h == action) return true;
+    return false;
+  }
+
+ private:
+  static std::vector<const CACacheAction*>& Handles() {
+    thread_local std::vector<const CACacheAction*> handles;
+    return handles;
+  }
+#endif
+};
+
 // True when destroying `record` calls the host back, and the host may then
 // use the library again, on this very cache too.
 bool CallsBack(const CARecord* record) {
@@ -158,24 +181,34 @@ void CACache::Delete(char* name) {
   delete cache;
 }
 
+// Every handle is made invalid before the first record goes, and freed only
+// once every cache is gone: a release callback that passes one, of any
+// cache, gets the result of an invalid handle, never freed memory.
 void CACache::CleanUp() {
   if (caches == nullptr) return;
+  std::vector<CACacheAction*> handles;
   BTreeNumerator walk(caches, 0);
   for (BTree* node = walk.Next(); node != nullptr; node = walk.Next()) {
     CACache* cache = static_cast<CACache*>(node->payload);
     if (cache == nullptr) continue;
-    cache->closing = 1;  // handles leave without destroying the cache
+    cache->closing = 1;
     for (int i = 0; i < cache->actionSlots; i++) {
-      if (cache->actions[i] != nullptr) {
-        delete cache->actions[i];
-        cache->actions[i] = nullptr;
-      }
+      CACacheAction* action = cache->actions[i];
+      if (action == nullptr) continue;
+      cache->actions[i] = nullptr;
+      action->magic = 0;
+      action->cache = nullptr;  // its deletion calls no cache back
+      handles.push_back(action);
     }
-    delete cache;
+  }
+  BTreeNumerator again(caches, 0);
+  for (BTree* node = again.Next(); node != nullptr; node = again.Next()) {
+    delete static_cast<CACache*>(node->payload);
     node->payload = nullptr;
   }
   delete caches;
   caches = nullptr;
+  for (CACacheAction* action : handles) delete action;
 }
 
 CACache::CACache(char* name, CAParams* params)
@@ -300,13 +333,16 @@ bool CountFreeNode(CACache* cache) {
          cache->params.nodes - cache->params.usedNodes > kFreeNodeLimit;
 }
 
-void CACache::FreeNode(CACacheAction* action) {
-  if (!CountFreeNode(this)) return;
+void FireFreeNodeTrigger(CACache* cache, CACacheAction* action) {
   if (action == nullptr) {
-    cafree->TriggerFree(this);
+    cafree->TriggerFree(cache);
     return;
   }
-  TriggerWithClock(this, action);
+  TriggerWithClock(cache, action);
+}
+
+void CACache::FreeNode(CACacheAction* action) {
+  if (CountFreeNode(this)) FireFreeNodeTrigger(this, action);
 }
 
 // ---- Handles ----------------------------------------------------------------
@@ -333,6 +369,8 @@ CACacheAction::~CACacheAction() {
 
 void CACacheAction::Close() {
   if (magic != kHandleMagic) return;
+  assert(!InUse::Has(this) &&
+         "a release callback closed the handle of a call in progress");
   magic = 0;
   if (cache != nullptr) {
     cache->params.maxBytes = 0;
@@ -385,6 +423,7 @@ int CACacheAction::Insert(int tag, int flags, long lifetime,
                           unsigned long size, unsigned long length,
                           void* data) {
   if (cache == nullptr) return -1;
+  InUse use(this);
   clock.Start();
   CACache* c = cache;
   unsigned char* bytes = static_cast<unsigned char*>(key);
@@ -494,6 +533,7 @@ int CACacheAction::Query(void* record, CAQuery* query) {
 
 void CACacheAction::FreeHandle(void* record) {
   if (cache == nullptr || record == nullptr) return;
+  InUse use(this);
   CACache* c = cache;
   clock.Start();
   static_cast<CARecord*>(record)->Free();
@@ -502,6 +542,7 @@ void CACacheAction::FreeHandle(void* record) {
 
 void CACacheAction::EraseHandle(void* record) {
   if (cache == nullptr || record == nullptr) return;
+  InUse use(this);
   CACache* c = cache;
   clock.Start();
   static_cast<CARecord*>(record)->Erase(this);
@@ -510,6 +551,7 @@ void CACacheAction::EraseHandle(void* record) {
 
 void CACacheAction::EraseHandle(CARecord* record) {
   if (cache == nullptr || record == nullptr) return;
+  InUse use(this);
   CACache* c = cache;
   clock.Start();
   // The extra hold makes the erase take none of the host's holds away.

@@ -98,6 +98,8 @@ void DeleteRecord(CARecord* record);
 // The count of CACache::FreeNode: lowers `usedNodes` and tells whether the
 // free-node trigger is due, without firing it.
 bool CountFreeNode(CACache* cache);
+// The rest of CACache::FreeNode once the count said the trigger is due.
+void FireFreeNodeTrigger(CACache* cache, CACacheAction* action);
 
 // CARecord::Unlink for a replacement: the free-node trigger is not fired but
 // noted in `due`, for the insert to fire once its new record is in place.
@@ -125,6 +127,14 @@ void WalkInOrder(BTree* root, std::vector<BTree*>& stack, Visit visit) {
     n = n->right;
   }
 }
+
+// True while the host's release callback runs on this thread.
+bool InReleaseCallback();
+
+// Applies the mode switch that CA_INIT deferred while a pass was running,
+// once the controller is idle. It may delete the controller: a member of
+// CAFree calls it last and touches nothing of its own afterwards.
+void ApplyDeferredMode();
 
 // Called by a cache's destructor once its tree is gone: every record of the
 // cache that left its tree while held, and is still alive, forgets the cache,

@@ -6,6 +6,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "cainternal.h"
 #include "qmcache/qmcache.hpp"
 
 // ==== Global state ===========================================================
@@ -22,13 +23,27 @@ CAFree* cafree = nullptr;
 static int inited = 0;
 // 1 while the structure check is switched on; survives CA_DEINIT.
 static int checkEnabled = 0;
+// 1 while CA_DEINIT takes the caches down. The release callbacks it runs find
+// the library torn down: they neither start it again nor open a cache.
+static int tearingDown = 0;
+// A mode switch asked for while a pass runs on the controller (from a
+// release callback): the controller is replaced once the pass is over.
+static int switchDue = 0;
+static int switchMode = 0;
 
 namespace {
 
 // Calls that work without an explicit CA_INIT start the library in
 // single-threaded mode.
 void InitOnDemand() {
-  if (!inited) CA_INIT(1);
+  if (!inited && !tearingDown) CA_INIT(1);
+}
+
+void ReplaceController(int singleThreaded) {
+  CAFree* old = cafree;
+  cafree = nullptr;
+  delete old;
+  cafree = new CAFree(singleThreaded);
 }
 
 // Lengths cross the interface as int; they are widened with their sign.
@@ -93,6 +108,16 @@ void Trace::Write(char const* format, ...) {
   lock.Exit();
 }
 
+// ==== Mode switches ==========================================================
+
+// Called by the controller when a pass ends; it may delete the controller
+// that calls it, which then touches nothing of its own.
+void ApplyDeferredMode() {
+  if (!switchDue || cafree == nullptr || cafree->busy) return;
+  switchDue = 0;
+  if (switchMode != SingleThreaded) ReplaceController(switchMode);
+}
+
 // ==== Exported calls =========================================================
 
 extern "C" {
@@ -101,25 +126,39 @@ extern "C" {
 // holds nothing but scratch state between passes, so rebuilding it would buy
 // nothing. The mode is compared as given, since the controller stores it
 // unchanged in SingleThreaded.
+//
+// A switch asked for while a pass runs (a release callback of that pass asks)
+// waits for the pass to end: the pass goes on with the controller and the
+// mode it started with, and the last mode asked for is applied when it is
+// over. Inside CA_DEINIT's teardown nothing is started again.
 int CA_INIT(int singleThreaded) {
+  if (tearingDown) return 1;
   if (!inited) {
     if (MainStat == nullptr) MainStat = new CAStatistic(8);
     if (cafree == nullptr) cafree = new CAFree(singleThreaded);
     inited = 1;
     return 1;
   }
-  if (singleThreaded != SingleThreaded) {
-    CAFree* old = cafree;
-    cafree = nullptr;
-    delete old;
-    cafree = new CAFree(singleThreaded);
+  if (cafree != nullptr && cafree->busy) {
+    switchDue = 1;
+    switchMode = singleThreaded;
+  } else if (singleThreaded != SingleThreaded) {
+    ReplaceController(singleThreaded);
   }
   return 1;
 }
 
+// From a release callback the teardown would free the cache, the handle or
+// the controller that the call in progress still uses: a debug build stops
+// there, a release build refuses the call.
 int CA_DEINIT(void) {
+  if (InReleaseCallback()) {
+    assert(!"CA_DEINIT called from a release callback");
+    return 1;
+  }
   if (!inited) return 1;
   inited = 0;
+  switchDue = 0;
 
   delete MainStat;
   MainStat = nullptr;
@@ -129,7 +168,9 @@ int CA_DEINIT(void) {
   cafree = nullptr;
   delete controller;
 
+  tearingDown = 1;
   CACache::CleanUp();
+  tearingDown = 0;
 
   if (trace != nullptr) {
     trace->Write("CACACHE Closed");
@@ -162,7 +203,7 @@ int CA_GETSTAT(void* handle, int slot, _CAStat* out) {
 // receives nothing back.
 void* CA_CREATE(const char* name, CAParams* params) {
   InitOnDemand();
-  if (name == nullptr) return nullptr;
+  if (name == nullptr || tearingDown) return nullptr;
   CAParams defaults;
   if (params == nullptr) {
     memset(&defaults, 0, sizeof defaults);

@@ -126,10 +126,20 @@ void DeleteRecord(CARecord* record) {
   ::operator delete(record);
 }
 
+namespace {
+// Release callbacks running on this thread (they may nest).
+thread_local int callbacksRunning = 0;
+}  // namespace
+
+bool InReleaseCallback() { return callbacksRunning != 0; }
+
 CARecord::~CARecord() {
   // The callback sees the block before CAMem's destructor frees it.
-  if ((flags & CAREC_CALLBACK) != 0 && free_handle != nullptr)
+  if ((flags & CAREC_CALLBACK) != 0 && free_handle != nullptr) {
+    ++callbacksRunning;
     free_handle(flags, size, data);
+    --callbacksRunning;
+  }
   // Data behind the record goes with the record's own block.
   if (data == BlockBehind(this)) data = nullptr;
 }
@@ -140,6 +150,7 @@ namespace {
 // fired.
 void Detach(CARecord* record, CACacheAction* action, bool* due) {
   const bool wasAttached = record->node != nullptr;
+  bool noted = !wasAttached;  // among the cache's detached records
   if (wasAttached) {
     record->node->payload = nullptr;
     record->node = nullptr;
@@ -148,15 +159,27 @@ void Detach(CARecord* record, CACacheAction* action, bool* due) {
     if (record->refCount != 0) NoteDetachedHeld(record);
     // FreeNode may run a reclamation pass that replaces the whole tree, so
     // the old node is not touched again after this call.
-    if (record->cache != nullptr) {
-      if (due == nullptr) {
-        record->cache->FreeNode(action);
-      } else if (CountFreeNode(record->cache)) {
+    CACache* cache = record->cache;
+    if (cache != nullptr && CountFreeNode(cache)) {
+      if (due != nullptr) {
         *due = true;
+      } else {
+        // Through a handle of another cache (the host's erase passes no
+        // test of ownership), the pass may end this cache: a callback closes
+        // its last handle, and the pass's own handle, then the last, takes
+        // the cache with it. The record, about to go, then waits among the
+        // cache's detached records, so that the cache's end orphans it like
+        // a held one and its destruction below charges no dead cache.
+        if (record->refCount == 0 &&
+            (action == nullptr || action->cache != cache)) {
+          NoteDetachedHeld(record);
+          noted = true;
+        }
+        FireFreeNodeTrigger(cache, action);
       }
     }
   }
-  if (record->refCount == 0) Destroy(record, !wasAttached);
+  if (record->refCount == 0) Destroy(record, noted);
 }
 
 }  // namespace

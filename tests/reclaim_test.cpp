@@ -207,4 +207,64 @@ TEST_F(Reclaim,
   onRelease = nullptr;
 }
 
+TEST_F(Reclaim, ACallbackMayEndTheCacheOfItsPassOrSwitchTheModeDuringIt) {
+  CA_SETFREE(&Reenter);
+  // An erase through another cache's handle fires the pass of the record's
+  // cache, whose callback closes that cache's last handle: the pass's own
+  // handle, the last one then, takes the cache with it before the erase ends.
+  CACacheAction* a = WithFreeNodes("a", 1, 20000);
+  Put(a, "x", "gone", 1);
+  void* held = Hold(a, Key(0));
+  CA_CLOSE(Open("a"));  // budget 0: "x" goes once a second old
+  g_now += 1;
+  onRelease = [&](const std::string& data) {
+    released.push_back(data), CA_CLOSE(a);
+  };
+  void* b = Open("b");
+  CA_ERASE(b, held);
+  EXPECT_TRUE(released == Lines{"gone"} && Count(b, CASTAT_ERASE) == 1);
+  EXPECT_EQ(Params(Open("a")).nodes, 0u);  // a new cache
+  // A mode switch asked for in a pass waits for the pass's end; the pass
+  // erases what it would have erased.
+  CACacheAction* m = Open("m", 10);
+  Put(m, "1", "v", 4), Put(m, "2", "v", 4);
+  g_now += 1;
+  Ints modes;
+  onRelease = [&](const std::string&) {
+    modes.push_back(SingleThreaded), CA_INIT(0);
+  };
+  EXPECT_EQ(Erased([&] { Put(m, "3", "v", 8); }), (Ints{4, 4}));
+  EXPECT_TRUE(modes == (Ints{1, 1}) && SingleThreaded == 0);
+  onRelease = nullptr;
+}
+
+TEST_F(Reclaim, CallbacksOfCADeinitFindEveryHandleInvalidAndMayNotCallIt) {
+  CA_SETFREE(&Reenter);
+  void* p = Open("p");
+  void* q = Open("q");
+  Put(p, "1", "1"), Put(q, "2", "2");
+  Ints results;
+  onRelease = [&](const std::string& data) {
+    released.push_back(data), CA_CLOSE(p);
+    results.push_back(Put(p, "k")), results.push_back(Put(q, "k"));
+    results.push_back(CA_CREATE("new", nullptr) != nullptr);
+  };
+  CA_DEINIT();
+  EXPECT_EQ(released, (Lines{"1", "2"}));
+  EXPECT_EQ(results, (Ints{-1, -1, 0, -1, -1, 0}));
+  EXPECT_TRUE(cafree == nullptr && CACache::caches == nullptr);  // still down
+  // CA_DEINIT in a callback is refused; a debug build stops there, and on a
+  // callback that closes the handle of a call in progress.
+  void* h = Open("d");
+  Put(h, "k");
+  onRelease = [&](const std::string&) { CA_DEINIT(); };
+  EXPECT_DEBUG_DEATH(CA_ERASE(h, Hold(h, "k")), "CA_DEINIT.*release callback");
+  EXPECT_TRUE(cafree != nullptr && Put(h, "j") == 1);
+#ifndef NDEBUG
+  onRelease = [&](const std::string&) { CA_CLOSE(h); };
+  EXPECT_DEATH(CA_ERASE(h, Hold(h, "k")), "handle of a call in progress");
+#endif
+  onRelease = nullptr;
+}
+
 }  // namespace

@@ -128,10 +128,24 @@ typedef struct CAQuery {
 
 /* Release callback: receives a record's flags, data size and data block just
  * before the record is destroyed, for records inserted with CAREC_CALLBACK.
- * It must not keep or free the block. It may call the library again (store
- * the data in a cache, the same one included, search, release, erase, list,
- * close another handle), but must not close the handle of the call that is
- * destroying the record, create caches or call CA_DEINIT. */
+ * It must not keep or free the block. It may call the library again: store
+ * the data in a cache (the same one included), search, release, erase, list,
+ * open caches, close handles, switch the mode with CA_INIT. The call in
+ * progress copes with what it did:
+ *  - A callback of an eviction pass that closes the last handle of the
+ *    pass's cache (an erase through another cache's handle fires the pass of
+ *    the record's cache) ends that cache when the pass is over; the erase
+ *    that fired the pass completes, and no record is lost.
+ *  - CA_INIT with the other mode from a callback of an eviction pass takes
+ *    effect when the pass is over; the pass ends in the mode it began with.
+ *  - Callbacks run by CA_DEINIT find every handle invalid already (a call
+ *    with one gets the invalid-handle result) and the library torn down:
+ *    CA_CREATE returns null and CA_INIT does nothing there.
+ * It must not:
+ *  - close the handle of a call in progress (the one destroying the record,
+ *    or one that encloses it);
+ *  - call CA_DEINIT (refused).
+ * A debug build stops with a message when a callback does either. */
 typedef void (*CAFreeHandle)(int flags, unsigned long size, void* data);
 
 /* ---- Library ---------------------------------------------------------- */
@@ -139,13 +153,14 @@ typedef void (*CAFreeHandle)(int flags, unsigned long size, void* data);
 /* Initialises the library. `singleThreaded` non-zero makes the exported lock
  * classes no-ops (the default when a call initialises on demand); 0 makes
  * them lock. Calling it again with another mode switches the mode, leaving
- * caches untouched. Returns 1. */
+ * caches untouched (from a release callback of an eviction pass: once the
+ * pass is over). Returns 1. */
 QMCACHE_API int CA_INIT(int singleThreaded);
 
-/* Tears the library down: destroys every cache and handle (records nobody
- * holds are released, calling the release callback), writes "CACACHE Closed"
- * to the trace log and destroys the log. Harmless when not initialised.
- * Returns 1. */
+/* Tears the library down: makes every handle invalid, destroys every cache
+ * (records nobody holds are released, calling the release callback), frees
+ * the handles, writes "CACACHE Closed" to the trace log and destroys the log.
+ * Harmless when not initialised. Returns 1. Not from a release callback. */
 QMCACHE_API int CA_DEINIT(void);
 
 /* Fills `out` with the figures of statistic `slot` (CASTAT_*): library-wide

@@ -13,8 +13,9 @@
 //    list holds every record of the tree, and bad input gets its result
 //    and changes nothing.
 // The release callback uses the library again (stores, erases, searches,
-// lists, opens and closes a second handle), on the record's own cache and
-// on others.
+// lists, opens and closes a second handle, closes a cache's last handle,
+// switches the threading mode), on the record's own cache and on others;
+// the callbacks of CA_DEINIT find every handle invalid.
 //
 // The choices come from a seeded generator (the command-line driver) or
 // from the fuzzer's input bytes. The library's clock is the driver's: the
@@ -68,7 +69,7 @@ class Driver {
       for (step_ = 0; step_ < steps && (!bytes_ || at_ < size_); ++step_)
         if (Step(), step_ % 64 == 0) CheckAll();
       CheckAll();
-      Forget(), CA_DEINIT();
+      CA_DEINIT(), Forget();
       void* late = CA_CREATE("late", nullptr);
       for (auto& hold : holds_) CA_FREE(late, hold.second);
       CA_DEINIT();
@@ -176,9 +177,12 @@ class Driver {
     const std::string data =
         std::string((const char*)&serial, 8) + (char)slot + key;
     if (flags & CAREC_CALLBACK) alive_[serial]++;
-    return CA_INSERT(Opened(slot), (int)Below(11) - 5, flags, (int)Below(7) - 2,
-                     (int)key.size(), key.data(), (int)data.size(),
-                     length >= 0 ? length : (int)Below(301), data.data());
+    const int result =
+        CA_INSERT(Opened(slot), (int)Below(11) - 5, flags, (int)Below(7) - 2,
+                  (int)key.size(), key.data(), (int)data.size(),
+                  length >= 0 ? length : (int)Below(301), data.data());
+    if (result == -1) alive_.erase(serial);  // an invalid handle: no record
+    return result;
   }
 
   static void Released(int flags, unsigned long size, void* data) {
@@ -201,7 +205,7 @@ class Driver {
     const std::string any = RandomKey();
     const bool free = h && !(other == guardSlot_ && any == guardKey_);
     int count;
-    const uint32_t what = Below(5);
+    const uint32_t what = Below(7);
     // 0: moved back under its own key, unless the driver erases that key.
     if (what == 0 && handles_[slot] &&
         !(erasing_ && slot == guardSlot_ && key == guardKey_))
@@ -214,12 +218,17 @@ class Driver {
       CA_LIST_FREE(h, CA_LIST(h, &count));
     else if (what == 4 && h)
       CA_CLOSE(Open(other));  // one of two handles
+    else if (what == 5 && handles_[slot] && depth_ == 1 &&
+             handles_[slot] != inUse_)  // the last handle of its own cache
+      CA_CLOSE(std::exchange(handles_[slot], nullptr));
+    else if (what == 6)
+      CA_INIT((int)Below(2));  // during a pass: once the pass is over
     depth_--;
   }
 
   void Step() {
     const int slot = (int)Below(kCaches);
-    void* h = Opened(slot);
+    void* h = inUse_ = Opened(slot);
     const std::string key = RandomKey();
     const int k = (int)key.size();
     const uint32_t op = Below(18);
@@ -276,8 +285,16 @@ class Driver {
       const std::string base = "b" + std::to_string(Below(1000000)) + ".";
       for (uint32_t i = 0; i < n; ++i) {
         const std::string b = base + std::to_string(i);
+        inUse_ = Opened(slot);
         Store(slot, b, 0, 0);
-        CA_ERASE(h, CA_SEARCH(h, 0, (int)b.size(), b.data()));
+        void* r = CA_SEARCH(Opened(slot), 0, (int)b.size(), b.data());
+        // Erased through any cache's handle: the pass that the erase fires
+        // may then close the slot's last handle. The clock moves on before
+        // the erase that fires it, so that the pass finds candidates.
+        CAParams& p = CacheOf(slot)->params;
+        if (p.nodes - p.usedNodes == 20000) g_now++;
+        void* eraser = handles_[Below(kCaches)];
+        CA_ERASE(inUse_ = eraser ? eraser : Opened(slot), r);
       }
     } else if (op == 15) {  // a second handle, then the first one goes
       void* second = Open(slot);
@@ -309,7 +326,7 @@ class Driver {
       void** list = CA_LIST(h, &count);
       CA_LIST_FREE(bad, list), CA_LIST_FREE(h, list);
     } else if (op == 17 && Percent(10)) {
-      Forget(), CA_DEINIT(), CA_INIT((int)Below(2));
+      CA_DEINIT(), Forget(), CA_INIT((int)Below(2));
     }
     if (CacheOf(slot) && CacheOf(slot)->params.nodes < 3000)
       CheckCounters(slot);
@@ -326,6 +343,9 @@ class Driver {
   std::vector<std::pair<int, void*>> holds_;
   std::unordered_map<uint64_t, int> alive_;  // records that will call back
   int depth_ = 0;
+  // The handle of the step's call in progress, which a callback must not
+  // close.
+  void* inUse_ = nullptr;
   // The driver's current key: callbacks keep off it, but for moving the
   // replaced record back under it while the driver inserts.
   int guardSlot_ = -1;
