@@ -19,6 +19,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstring>
 #include <memory>
 #include <mutex>
@@ -147,8 +148,10 @@ inline double ToSeconds(long ticks) {
 //    `retired` cells, under the statistic's mutex.
 // A writer updates its cells without any locked instruction (see Cell), and
 // Get merges the primary cells, the shards and the retired cells. `last` is
-// the value whose measurement ended latest: each cell stamps it with the
-// tick at which its thread's stopwatch last stopped.
+// the value added latest: once a second thread has added, each cell stamps
+// its `last` with the tick of the Add. (While one thread adds alone, its
+// `last` is the last; it leaves the stamp alone, which keeps its Add as
+// short as a plain update.)
 //
 // Cleanup must not run while another thread adds to the same statistic (the
 // library empties a cache's statistics only on a call on that cache, which
@@ -163,7 +166,7 @@ namespace {
 struct Cell {
   unsigned long count = 0;
   double total = 0, min = 0, max = 0, last = 0;
-  long stamp = 0;  // tick at which `last` was measured
+  long stamp = 0;  // tick at which `last` was added, among several writers
 };
 
 template <typename T>
@@ -187,16 +190,19 @@ struct Figures {
 
 constexpr auto kRelaxed = std::memory_order_relaxed;
 
-// The tick of this thread's latest CAClock::Stop, and this thread's table of
-// shards. Initial-exec TLS: one instruction to reach, no call.
-__attribute__((tls_model("initial-exec"))) thread_local long lastStopTick = 0;
+// This thread's table of shards. Initial-exec TLS: one instruction to reach,
+// no call.
 struct ThreadTable;
 __attribute__((
     tls_model("initial-exec"))) thread_local ThreadTable* threadTable = nullptr;
 
 // This thread's identity as a statistic owner: its thread pointer, which no
-// other live thread has (one instruction to read).
-inline const void* ThisThread() { return __builtin_thread_pointer(); }
+// other live thread has (one instruction to read). It is aligned, so its low
+// bit is free for kOthers.
+inline uintptr_t ThisThread() {
+  return reinterpret_cast<uintptr_t>(__builtin_thread_pointer());
+}
+constexpr uintptr_t kOthers = 1;
 
 inline __attribute__((always_inline)) void Write(Cell& c, double value) {
   const unsigned long n = c.count;
@@ -204,8 +210,13 @@ inline __attribute__((always_inline)) void Write(Cell& c, double value) {
   if (n == 0 || value > c.max) Publish(c.max, value);
   Publish(c.total, c.total + value);
   Publish(c.last, value);
-  Publish(c.stamp, lastStopTick);
   Publish(c.count, n + 1);
+}
+
+// A Write among other writers: its `last` must be ordered against theirs.
+void WriteStamped(Cell& c, double value) {
+  Publish(c.stamp, Now());
+  Write(c, value);
 }
 
 void Merge(const Cell& c, Figures* f) {
@@ -248,7 +259,9 @@ struct Shared {
 // A statistic's `slots` points at its primary cells; this header lies just
 // before them, so that an Add reaches the owner and the cells together.
 struct Storage {
-  std::atomic<const void*> owner{nullptr};  // writer of the primary cells
+  // The thread that writes the primary cells (its thread pointer), with
+  // kOthers set once any other thread has added too.
+  std::atomic<uintptr_t> owner{0};
   Shared* shared;
   int slots;
   Cell* primary() { return reinterpret_cast<Cell*>(this + 1); }
@@ -346,10 +359,7 @@ void Prune(ThreadTable* t) {
 
 // The cells this thread writes for a statistic it does not own: the first
 // thread to add becomes the owner; any other finds (or makes) its shard.
-__attribute__((noinline)) Cell* CellsOfOtherThread(Storage* s) {
-  const void* expected = nullptr;
-  if (s->owner.compare_exchange_strong(expected, ThisThread()))
-    return s->primary();
+Cell* CellsOfOtherThread(Storage* s) {
   Shared* sh = s->shared;
   ThreadTable* t = TableOfThisThread();
   ThreadTable::Recent& recent = t->recent[sh->id % ThreadTable::kRecent];
@@ -363,6 +373,7 @@ __attribute__((noinline)) Cell* CellsOfOtherThread(Storage* s) {
     std::lock_guard<std::mutex> hold(sh->mutex);
     sh->shards.emplace_back(new Cell[s->slots]);
     cells = sh->shards.back().get();
+    s->owner.fetch_or(kOthers);  // the owner stamps its `last` from now on
     t->owned.emplace_back(sh->id, cells);
   }
   recent.id = sh->id;
@@ -403,12 +414,19 @@ CAStatistic::~CAStatistic() {
   ::operator delete(s);
 }
 
-// The owner's Add is a few loads and stores with no call, so it needs no
-// stack frame; every other thread takes the out-of-line path.
+// The Add of an owner that adds alone is a few loads and stores with no
+// call, so it needs no stack frame; everything else takes this path.
 namespace {
-__attribute__((noinline)) int AddFromOtherThread(Storage* s, int slot,
-                                                 double value) {
-  Write(CellsOfOtherThread(s)[slot], value);
+__attribute__((noinline)) int AddAmongOthers(Storage* s, int slot,
+                                             double value) {
+  const uintptr_t me = ThisThread();
+  uintptr_t owner = s->owner.load(kRelaxed);
+  if (owner == 0 && s->owner.compare_exchange_strong(owner, me)) {
+    Write(s->primary()[slot], value);  // the first to add: alone so far
+    return 1;
+  }
+  Cell* cells = owner == (me | kOthers) ? s->primary() : CellsOfOtherThread(s);
+  WriteStamped(cells[slot], value);
   return 1;
 }
 }  // namespace
@@ -417,7 +435,7 @@ int CAStatistic::Add(int slot, double value) {
   if (slot < 0 || slot >= slotCount) return 0;
   Storage* s = Storage::Of(slots);
   if (__builtin_expect(s->owner.load(kRelaxed) != ThisThread(), 0))
-    return AddFromOtherThread(s, slot, value);
+    return AddAmongOthers(s, slot, value);
   Write(s->primary()[slot], value);
   return 1;
 }
@@ -474,7 +492,6 @@ double CAClock::Stop() {
   startTicks = 0;
   suspendTicks = 0;
   suspendedTotal = 0;
-  lastStopTick = end;
   if (run <= 0) return 0.0;
   return ToSeconds(run);
 }
