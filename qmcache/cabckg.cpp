@@ -44,6 +44,7 @@
 #include <utility>
 #include <vector>
 
+#include "caconst.h"
 #include "cainternal.h"
 #include "qmcache/qmcache.hpp"
 
@@ -54,22 +55,6 @@ static time_t freeTime;
 static unsigned long deleted;
 
 namespace {
-
-// Statistic slots of the two passes.
-constexpr int kEvictionSlot = 6;
-constexpr int kRebuildSlot = 7;
-
-// A tree with more free nodes than this is rebuilt.
-constexpr unsigned int kMaxFreeNodes = 20000;
-// Nodes collected before they are inserted into the new tree.
-constexpr int kBatchSize = static_cast<int>(KeyIndex::kBatch);
-// The grade arrays grow by this many entries.
-constexpr unsigned int kGradStep = 100;
-
-// Grade of a record that must go (expired): ahead of every ordinary grade.
-constexpr double kForcedGrade = 1e10;
-// Once the byte target is met, candidates graded at least this still go.
-constexpr double kAlwaysGrade = 1e9;
 
 // How many nodes ahead of its grading (or erasing) a record is fetched.
 constexpr unsigned int kGradeAhead = 8;
@@ -103,7 +88,7 @@ void CheckWalkOrder(CACache* cache) {
 // Grows both grade arrays by one step. Returns false, keeping the current
 // capacity, when the memory cannot be had.
 bool GrowGrades(CAFree* f) {
-  unsigned int capacity = f->gradCapacity + kGradStep;
+  unsigned int capacity = f->gradCapacity + kGradeStep;
   double* grades =
       static_cast<double*>(realloc(f->grades, capacity * sizeof(double)));
   if (grades == nullptr) return false;
@@ -125,7 +110,7 @@ void RecordPass(CACache* cache, int slot, double elapsed) {
 
 // Puts the figures of the cache's `timing` slot into its parameters.
 void RefreshTiming(CACache* cache) {
-  cache->timing.Get(0, &cache->params.timing, 1);
+  cache->timing.Get(0, &cache->params.timing, kStatGetMode);
 }
 
 }  // namespace
@@ -162,10 +147,10 @@ void InsertMedianFirst(BTree** root, BTree** nodes, int lo, int hi,
 }  // namespace
 
 CAFree::CAFree(int singleThreaded) : clock(), lock1(), lock2() {
-  gradCapacity = kGradStep;
+  gradCapacity = kGradeStep;
   SingleThreaded = singleThreaded;
-  grades = static_cast<double*>(malloc(kGradStep * sizeof(double)));
-  candidates = static_cast<BTree**>(malloc(kGradStep * sizeof(void*)));
+  grades = static_cast<double*>(malloc(kGradeStep * sizeof(double)));
+  candidates = static_cast<BTree**>(malloc(kGradeStep * sizeof(void*)));
   if (grades == nullptr || candidates == nullptr) {
     // Start empty; the first candidate of a pass tries again.
     free(grades);
@@ -268,7 +253,7 @@ int CAFree::Compress(CACacheAction* action) {
   RefreshTiming(cache);
 
   const unsigned int maxBytes = cache->params.maxBytes;
-  const unsigned int mark = maxBytes - maxBytes / 10;
+  const unsigned int mark = EvictionMark(maxBytes);
   const unsigned int allocated = cache->params.allocated;
   if (allocated <= mark) return 1;
   const size_t toDelete = allocated - mark;
@@ -375,14 +360,14 @@ void CAFree::RebuildTree(CACacheAction* action) {
   CACache* cache = action->cache;
   RefreshTiming(cache);
   const unsigned int freeNodes = cache->params.nodes - cache->params.usedNodes;
-  if (freeNodes <= kMaxFreeNodes) return;
+  if (freeNodes <= kFreeNodeLimit) return;
   if (trace) {
     trace->Write("CACACHE Rebuild binary tree %u free tree node", freeNodes);
   }
   RefreshTiming(cache);
 
   clock.Start();
-  BTree* batch[kBatchSize] = {};
+  BTree* batch[kRebuildBatch] = {};
   BTree* root = nullptr;
   unsigned int total = 0;
   int count = 0;
@@ -392,7 +377,7 @@ void CAFree::RebuildTree(CACacheAction* action) {
   KeyIndex& index = state->index;
   index.Reset(cache->params.usedNodes);
   NodeArena fresh;  // the new tree's nodes
-  BTree* made[kBatchSize];
+  BTree* made[kRebuildBatch];
   auto flush = [&] {
     InsertMedianFirst(&root, batch, 0, count - 1, &fresh);
     for (int i = 0; i < count; i++)
@@ -409,7 +394,7 @@ void CAFree::RebuildTree(CACacheAction* action) {
     // Each record learns its new node: fetch it while the walk goes on.
     __builtin_prefetch(&static_cast<CARecord*>(node->payload)->node, 1);
     batch[count++] = node;
-    if (count == kBatchSize) flush();
+    if (count == kRebuildBatch) flush();
   });
   if (count > 0) flush();
 

@@ -11,6 +11,7 @@
 #include <unordered_set>
 #include <vector>
 
+#include "caconst.h"
 #include "cainternal.h"
 #include "qmcache/qmcache.hpp"
 #include "qmcache/ybtrace.h"
@@ -27,13 +28,6 @@ BTree* CACache::caches = nullptr;
 CAUniq CACache::uniq;
 
 namespace {
-
-// "CAAC" followed by four zero bytes, read as a little-endian 64-bit word.
-constexpr unsigned long kHandleMagic = 0x43414143UL;
-constexpr unsigned int kDefaultBudget = 1048576;
-// More free (record-less) nodes than this start a reclamation pass.
-constexpr unsigned int kFreeNodeLimit = 20000;
-constexpr int kActionGrowth = 16;
 
 unsigned long KeyLengthOf(const char* name) { return strlen(name) + 1; }
 
@@ -151,7 +145,7 @@ CACacheAction* CACache::Create(char* name, CAParams* params) {
     cache = new CACache(name, params);
     node->payload = cache;
   }
-  cache->timing.Get(0, &cache->params.timing, 1);
+  cache->timing.Get(0, &cache->params.timing, kStatGetMode);
   memcpy(params, &cache->params, sizeof(CAParams));
   return new CACacheAction(cache);
 }
@@ -160,7 +154,7 @@ int CACache::GetCacheStat(void* handle, CAParams* params) {
   CACacheAction* action = CACacheAction::GetAction(handle);
   if (action == nullptr || action->cache == nullptr) return 0;
   CACache* cache = action->cache;
-  cache->timing.Get(0, &cache->params.timing, 1);
+  cache->timing.Get(0, &cache->params.timing, kStatGetMode);
   memcpy(params, &cache->params, sizeof(CAParams));
   return 1;
 }
@@ -212,8 +206,8 @@ void CACache::CleanUp() {
 }
 
 CACache::CACache(char* name, CAParams* params)
-    : stats(8), closing(0), timing(1) {
-  memcpy(magic, "%%CC", 4);
+    : stats(kStatSlots), closing(0), timing(kTimingSlots) {
+  memcpy(magic, kCacheMagic, sizeof(magic));
   tree = nullptr;
   this->name = strdup(name);
   actionSlots = kActionGrowth;
@@ -224,7 +218,7 @@ CACache::CACache(char* name, CAParams* params)
   this->params.nodes = 0;
   this->params.usedNodes = 0;
   memset(&this->params.timing, 0, sizeof(_CAStat));
-  timing.Get(0, &this->params.timing, 1);
+  timing.Get(0, &this->params.timing, kStatGetMode);
   memcpy(params, &this->params, sizeof(CAParams));
 }
 
@@ -609,16 +603,9 @@ char CACache::cache_buf[512];
 
 namespace {
 
-// "CAAC" and four zero bytes, compared as one 64-bit word.
-constexpr unsigned long kCheckHandleMagic = 0x43414143UL;
-constexpr unsigned long kCheckMaxHeight = 2000;
-constexpr unsigned long kCheckMaxKeyLength = 255;
-constexpr size_t kCheckMaxCacheName = 254;
-constexpr uintptr_t kCheckLowestAddress = 1000;
-
 // A pointer that must be present: faulty when null or a small integer.
 bool CheckMissing(const void* p) {
-  return reinterpret_cast<uintptr_t>(p) <= kCheckLowestAddress;
+  return reinterpret_cast<uintptr_t>(p) <= kLowestAddress;
 }
 
 // A pointer that may be absent: faulty when a small integer.
@@ -673,16 +660,16 @@ void CheckNodeDump(unsigned int traceId, const char* label,
 
 // The tests of a node's own fields; 1 after reporting a fault.
 int CheckNodeFields(unsigned int traceId, BTree* n, CACache* cache) {
-  if (memcmp(n->magic, "%%BT", sizeof(n->magic)) != 0 ||
-      n->leftHeight > kCheckMaxHeight || n->rightHeight > kCheckMaxHeight ||
-      n->keyLength == 0 || n->keyLength > kCheckMaxKeyLength ||
+  if (memcmp(n->magic, kNodeMagic, sizeof(n->magic)) != 0 ||
+      n->leftHeight > kMaxHeight || n->rightHeight > kMaxHeight ||
+      n->keyLength == 0 || n->keyLength > kMaxKeyLength ||
       CheckMissing(n->key)) {
     if (traceId != 0) {
       CheckBanner(traceId, cache);
       CheckText(traceId, "invalid BTree structure - address: %p",
                 static_cast<void*>(n));
       CheckDump(traceId, "BTree structure", n, sizeof(BTree));
-      if (n->keyLength >= 1 && n->keyLength <= kCheckMaxKeyLength - 1 &&
+      if (n->keyLength >= 1 && n->keyLength <= kMaxKeyLength - 1 &&
           !CheckMissing(n->key)) {
         CheckDump(traceId, "BTree key", n->key, n->keyLength);
       }
@@ -735,7 +722,7 @@ int CheckRecord(unsigned int traceId, BTree* n, CACache* cache) {
 
 // The tests of one cache before its tree; 1 after reporting a fault.
 int CheckCacheFields(unsigned int traceId, CACache* c) {
-  if (memcmp(c->magic, "%%CC", sizeof(c->magic)) != 0) {
+  if (memcmp(c->magic, kCacheMagic, sizeof(c->magic)) != 0) {
     if (traceId != 0) {
       if (!CheckMissing(c->name)) {
         CheckText(traceId,
@@ -762,7 +749,7 @@ int CheckCacheFields(unsigned int traceId, CACache* c) {
     return 1;
   }
   size_t nameLength = strlen(c->name);
-  if (nameLength > kCheckMaxCacheName) {
+  if (nameLength > kMaxCacheName) {
     CheckText(traceId, "CACache address: %p", static_cast<void*>(c));
     CheckDump(traceId, "CACache structure", c, sizeof(CACache));
     CheckPlainText(traceId, "invalid CACache name");
@@ -772,7 +759,7 @@ int CheckCacheFields(unsigned int traceId, CACache* c) {
   for (int i = 0; i < c->actionSlots; ++i) {
     CACacheAction* h = c->actions[i];
     if (h == nullptr) continue;
-    if (!CheckMissing(h) && h->magic == kCheckHandleMagic && h->cache == c) {
+    if (!CheckMissing(h) && h->magic == kHandleMagic && h->cache == c) {
       continue;
     }
     if (traceId != 0) {

@@ -24,6 +24,7 @@
 #include <utility>
 #include <vector>
 
+#include "caconst.h"
 #include "cainternal.h"
 #include "qmcache/qmcache.hpp"
 
@@ -34,10 +35,6 @@
 unsigned int BTree::cnt = 0;
 
 namespace {
-
-// Flag bits that ClearAttr removes from every record: CAREC_PINNED and
-// CAREC_EXPIRES.
-constexpr int kClearAttrMask = static_cast<int>(0xF3FFFFFFu);
 
 unsigned long Max(unsigned long a, unsigned long b) { return a > b ? a : b; }
 
@@ -180,7 +177,7 @@ namespace {
 // at `store`. The serial is taken before the key is allocated.
 void MakeLeaf(BTree* n, unsigned char* store, unsigned long keyLength,
               BTree* parent, BTree** parentLink) {
-  memcpy(n->magic, "%%BT", sizeof(n->magic));
+  memcpy(n->magic, kNodeMagic, sizeof(n->magic));
   n->keyLength = keyLength;
   n->serial = BTree::cnt++;
   n->payload = nullptr;

@@ -22,6 +22,7 @@
 
 #include <new>
 
+#include "caconst.h"
 #include "qmcache/qmcache.hpp"
 
 class KeyIndex {
@@ -64,7 +65,7 @@ class KeyIndex {
 
   // Adds `n` nodes (at most kBatch) whose keys the index does not hold yet:
   // their slots are fetched together before any is filled.
-  static constexpr size_t kBatch = 1000;
+  static constexpr size_t kBatch = kRebuildBatch;
   void AddAll(BTree* const* nodes, size_t n) {
     for (size_t i = 0; i < n; i++) usable_ &= !(Address(nodes[i]) & kTagMask);
     if (!usable_ || n == 0) return;
