@@ -182,10 +182,8 @@ CAFree::~CAFree() {
   // lock2, lock1 and clock are destroyed after this body, in that order.
 }
 
-namespace {
-
 // A record's deletion grade at `at` under `budget` (DeleteGrad's rule).
-double GradeAt(const CARecord* record, time_t at, unsigned long budget) {
+double EvictionGrade(const CARecord* record, time_t at, unsigned long budget) {
   if (record->flags & CAREC_PINNED) return 0;
   const long age = static_cast<long>(at - record->created);
   if (record->flags & CAREC_EXPIRES) {
@@ -201,17 +199,10 @@ double GradeAt(const CARecord* record, time_t at, unsigned long budget) {
          static_cast<double>(record->length);
 }
 
-}  // namespace
-
 double CAFree::DeleteGrad(BTree* node, unsigned long budget) {
   if (node == nullptr || node->payload == nullptr) return 0;
-  return GradeAt(static_cast<const CARecord*>(node->payload), freeTime, budget);
-}
-
-void NoteCandidate(CACache* cache, const CARecord* record) {
-  QuietPass& quiet = StateOf(cache)->quietPass;
-  if (quiet.valid && GradeAt(record, quiet.when, quiet.budget) != 0)
-    quiet.valid = false;
+  return EvictionGrade(static_cast<const CARecord*>(node->payload), freeTime,
+                       budget);
 }
 
 void CAFree::QuickSort(int lo, int hi) {
@@ -246,6 +237,69 @@ void CAFree::QuickSort(int lo, int hi) {
   }
 }
 
+namespace {
+
+// The collection of a pass: walks the cache's tree in order and enters every
+// record with a grade into the controller's arrays. Returns their number.
+unsigned int CollectCandidates(CAFree* f, CACache* cache,
+                               unsigned long budget) {
+  unsigned int n = 0;
+  auto enter = [&](BTree* graded) {
+    const double grade = f->DeleteGrad(graded, budget);
+    if (grade == 0) return;
+    if (n == f->gradCapacity && !GrowGrades(f)) return;
+    f->grades[n] = grade < 0 ? kForcedGrade : grade;
+    f->candidates[n] = graded;
+    ++n;
+  };
+  // Grading reads every record; each is fetched while the walk goes on,
+  // and graded a few nodes later, still in the walk's order.
+  BTree* ring[kGradeAhead];
+  unsigned int walked = 0;
+  WalkInOrder(cache->tree, WalkStack(), [&](BTree* node) {
+    PrefetchRecord(node->payload);
+    if (walked >= kGradeAhead) enter(ring[walked % kGradeAhead]);
+    ring[walked++ % kGradeAhead] = node;
+  });
+  for (unsigned int k = walked > kGradeAhead ? walked - kGradeAhead : 0;
+       k < walked; ++k) {
+    enter(ring[k % kGradeAhead]);
+  }
+  return n;
+}
+
+// The erasing of a pass: the sorted candidates, best first, until
+// `toDelete` bytes are gone, and then those graded at least kAlwaysGrade.
+// 1 when the target was met, else 0.
+int EraseCandidates(CAFree* f, CACacheAction* action, unsigned int n,
+                    size_t toDelete) {
+  long remaining = static_cast<long>(toDelete);
+  unsigned int i = 0;
+  for (; i < n; ++i) {
+    if (remaining <= 0 && f->grades[i] < kAlwaysGrade) break;
+    // The candidates' nodes and records lie anywhere: fetch them ahead.
+    if (i + 2 * kGradeAhead < n)
+      __builtin_prefetch(&f->candidates[i + 2 * kGradeAhead]->payload);
+    if (i + kGradeAhead < n)
+      PrefetchRecord(f->candidates[i + kGradeAhead]->payload);
+    CARecord* record = static_cast<CARecord*>(f->candidates[i]->payload);
+    if (record == nullptr) continue;
+    const unsigned long length = record->length;
+    remaining -= static_cast<long>(length);
+    if (trace)
+      trace->Write("CACACHE %zu. Delete %zu bytes", deleted + 1, length);
+    action->EraseHandle(record);
+    if (trace) trace->Write("CACACHE %zu. Deleted", deleted + 1);
+    ++deleted;
+  }
+  // Stopping early means the target was met; running off the end leaves
+  // the answer to what is still to delete (with no candidate: 0).
+  return (i < n || remaining <= 0) ? 1 : 0;
+}
+
+}  // namespace
+
+// A pass: collect, sort, erase.
 int CAFree::Compress(CACacheAction* action) {
   // Nothing to reclaim without a cache.
   if (action == nullptr || action->cache == nullptr) return 1;
@@ -267,86 +321,20 @@ int CAFree::Compress(CACacheAction* action) {
 
   deleted = 0;
   freeTime = time(nullptr);
-
-  // A pass in the same second and under the same budget as the cache's
-  // last pass that found no candidate, with nothing noted since that could
-  // have made one (NoteCandidate), would find none either: it skips the
-  // walk. A cache stuck over its budget with records of the current second
-  // runs such a pass for every insert.
-  QuietPass& quiet = StateOf(cache)->quietPass;
-  const bool stillQuiet =
-      quiet.valid && quiet.when == freeTime && quiet.budget == maxBytes;
   clock.Start();
-  const unsigned long budget = maxBytes;
-  unsigned int n = 0;
-  auto collect = [&](BTree* graded) {
-    const double grade = DeleteGrad(graded, budget);
-    if (grade == 0) return;
-    if (n == gradCapacity && !GrowGrades(this)) return;
-    grades[n] = grade < 0 ? kForcedGrade : grade;
-    candidates[n] = graded;
-    ++n;
-  };
-  // Grading reads every record; each is fetched while the walk goes on,
-  // and graded a few nodes later, still in the walk's order.
-  BTree* ring[kGradeAhead];
-  unsigned int walked = 0;
-  if (!stillQuiet) {
-    WalkInOrder(cache->tree, WalkStack(), [&](BTree* node) {
-      PrefetchRecord(node->payload);
-      if (walked >= kGradeAhead) collect(ring[walked % kGradeAhead]);
-      ring[walked++ % kGradeAhead] = node;
-    });
-  }
-  for (unsigned int k = walked > kGradeAhead ? walked - kGradeAhead : 0;
-       k < walked; ++k) {
-    collect(ring[k % kGradeAhead]);
-  }
 #ifndef NDEBUG
-  // The walk is the numerator's, and one that was skipped would have found
-  // nothing. Checked on every pass over a small tree, and on every 1024th over
-  // a large one, so that a debug build stays usable where skips are the
-  // rule.
   static unsigned long passes = 0;
-  if (cache->params.nodes <= 1024 || ++passes % 1024 == 0) {
+  if (cache->params.nodes <= 1024 || ++passes % 1024 == 0)
     CheckWalkOrder(cache);
-    BTreeNumerator* walk = nullptr;
-    for (BTree* node = cache->First(&walk); stillQuiet && node != nullptr;
-         node = cache->Next(&walk)) {
-      assert(DeleteGrad(node, budget) == 0);
-    }
-    delete walk;
-  }
 #endif
-  quiet.valid = n == 0;
-  quiet.when = freeTime;
-  quiet.budget = maxBytes;
+  const unsigned int n = StateOf(cache)->quietPass.Run(
+      freeTime, maxBytes, cache->params.nodes,
+      [&] { return CollectCandidates(this, cache, maxBytes); });
   if (trace) trace->Write("CACACHE Found %u record avaiable to delete", n);
 
   if (n >= 2) QuickSort(0, static_cast<int>(n) - 1);
 
-  long remaining = static_cast<long>(toDelete);
-  unsigned int i = 0;
-  for (; i < n; ++i) {
-    if (remaining <= 0 && grades[i] < kAlwaysGrade) break;
-    // The candidates' nodes and records lie anywhere: fetch them ahead.
-    if (i + 2 * kGradeAhead < n)
-      __builtin_prefetch(&candidates[i + 2 * kGradeAhead]->payload);
-    if (i + kGradeAhead < n)
-      PrefetchRecord(candidates[i + kGradeAhead]->payload);
-    CARecord* record = static_cast<CARecord*>(candidates[i]->payload);
-    if (record == nullptr) continue;
-    const unsigned long length = record->length;
-    remaining -= static_cast<long>(length);
-    if (trace)
-      trace->Write("CACACHE %zu. Delete %zu bytes", deleted + 1, length);
-    action->EraseHandle(record);
-    if (trace) trace->Write("CACACHE %zu. Deleted", deleted + 1);
-    ++deleted;
-  }
-  // Stopping early means the target was met; running off the end leaves
-  // the answer to what is still to delete (with no candidate: 0).
-  const int result = (i < n || remaining <= 0) ? 1 : 0;
+  const int result = EraseCandidates(this, action, n, toDelete);
 
   if (trace) trace->Write("CACACHE %zu record deleted", deleted);
   RecordPass(cache, kEvictionSlot, clock.Stop());

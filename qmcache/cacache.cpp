@@ -141,6 +141,7 @@ CACacheAction* CACache::Create(char* name, CAParams* params) {
     cache->stats.Cleanup();
     cache->timing.Cleanup();
     cache->params.maxBytes = params->maxBytes;
+    NoteCandidate(cache, nullptr);
   } else {
     cache = new CACache(name, params);
     node->payload = cache;
@@ -369,7 +370,7 @@ void CACacheAction::Close() {
   if (cache != nullptr) {
     cache->params.maxBytes = 0;
     if (cache->tree != nullptr) cache->tree->ClearAttr();
-    StateOf(cache)->quietPass.valid = false;  // pinned records may go now
+    NoteCandidate(cache, nullptr);  // pinned records may go now
   }
   delete this;
 }

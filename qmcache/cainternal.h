@@ -12,6 +12,7 @@
 #include "keyindex.h"
 #include "nodearena.h"
 #include "qmcache/qmcache.hpp"
+#include "quietpass.h"
 
 // The node after `n` in a pre-order walk (node, left subtree, right
 // subtree) of the subtree rooted at `top`, or null after its last node. It
@@ -40,16 +41,6 @@ inline BTree* PreorderNext(BTree* n, const BTree* top) {
 // was constructed. Everything in it is touched only by calls on that cache,
 // which the host serialises, so none of it needs a lock.
 
-// The cache's last eviction pass, when it found no candidate: a pass in the
-// same second under the same budget finds none either, as long as `valid`
-// stays set. Whatever could make a record a candidate clears it: a record
-// stored or released (NoteCandidate tells), a handle closed.
-struct QuietPass {
-  bool valid = false;
-  time_t when = 0;
-  unsigned int budget = 0;
-};
-
 // The state itself.
 struct CacheState {
   // Records that left the tree while held and are still alive. A destroyed
@@ -61,10 +52,6 @@ struct CacheState {
   NodeArena nodes;
   QuietPass quietPass;
 };
-
-// Clears the cache's quiet pass if `record` (just stored or released) would
-// be a candidate of it.
-void NoteCandidate(CACache* cache, const CARecord* record);
 
 // BTree::Insert for a record tree: a new node comes from `arena`.
 BTree* InsertNode(BTree* root, unsigned char* key, unsigned long keyLength,
@@ -78,6 +65,12 @@ BTree* FindNode(CACache* cache, const unsigned char* key,
 
 inline CacheState* StateOf(const CACache* cache) {
   return reinterpret_cast<CacheState* const*>(cache->actions)[-1];
+}
+
+// The quiet pass's hook (see quietpass.h for who calls it): `record` of
+// `cache` may have become a candidate; null when anything may have.
+inline void NoteCandidate(CACache* cache, const CARecord* record) {
+  StateOf(cache)->quietPass.Note(record);
 }
 
 // The handle table: `slots` null handles behind a new state.
