@@ -81,8 +81,7 @@ bool CallsBack(const CARecord* record) {
 
 }  // namespace
 
-// ---- A cache's private state: its key index, and the handle table block it
-//      hangs in front of ------------------------------------------------
+// ---- The key index ---------------------------------------------------------
 
 BTree* FindNode(CACache* cache, const unsigned char* key,
                 unsigned long keyLength) {
@@ -95,28 +94,6 @@ BTree* FindNode(CACache* cache, const unsigned char* key,
     descent = cache->tree->Search(const_cast<unsigned char*>(key), keyLength);
   assert(!index.usable() || index.Find(key, keyLength) == descent);
   return descent;
-}
-
-CACacheAction** NewActionTable(int slots) {
-  void** block = static_cast<void**>(calloc(slots + 1, sizeof(void*)));
-  block[0] = new CacheState();
-  return reinterpret_cast<CACacheAction**>(block + 1);
-}
-
-CACacheAction** GrowActionTable(CACacheAction** table, int oldSlots,
-                                int slots) {
-  void** block = reinterpret_cast<void**>(table) - 1;
-  block = static_cast<void**>(
-      realloc(block, (oldSlots + slots + 1) * sizeof(void*)));
-  memset(block + 1 + oldSlots, 0, slots * sizeof(void*));
-  return reinterpret_cast<CACacheAction**>(block + 1);
-}
-
-void FreeActionTable(CACacheAction** table) {
-  if (table == nullptr) return;
-  void** block = reinterpret_cast<void**>(table) - 1;
-  delete static_cast<CacheState*>(block[0]);
-  free(block);
 }
 
 // ---- Caches and the registry ------------------------------------------------

@@ -9,10 +9,8 @@
 #include <unordered_set>
 #include <vector>
 
-#include "keyindex.h"
-#include "nodearena.h"
+#include "castate.h"
 #include "qmcache/qmcache.hpp"
-#include "quietpass.h"
 
 // The node after `n` in a pre-order walk (node, left subtree, right
 // subtree) of the subtree rooted at `top`, or null after its last node. It
@@ -32,27 +30,6 @@ inline BTree* PreorderNext(BTree* n, const BTree* top) {
   }
 }
 
-// ---- A cache's private state ------------------------------------------------
-//
-// A cache keeps some state of its own beside its exported fields. It hangs in
-// front of the cache's handle table: the table's heap block starts with a
-// pointer to the state, and `actions` points just past it, so the exported
-// layout of CACache stays as it is and every cache has a state, however it
-// was constructed. Everything in it is touched only by calls on that cache,
-// which the host serialises, so none of it needs a lock.
-
-// The state itself.
-struct CacheState {
-  // Records that left the tree while held and are still alive. A destroyed
-  // cache clears their `cache`, so their last release touches no dead cache.
-  std::unordered_set<CARecord*> detachedHeld;
-  // Every node of the record tree by its key.
-  KeyIndex index;
-  // The record tree's nodes.
-  NodeArena nodes;
-  QuietPass quietPass;
-};
-
 // BTree::Insert for a record tree: a new node comes from `arena`.
 BTree* InsertNode(BTree* root, unsigned char* key, unsigned long keyLength,
                   int* existed, NodeArena* arena);
@@ -62,23 +39,6 @@ BTree* InsertNode(BTree* root, unsigned char* key, unsigned long keyLength,
 // against the tree's own descent.
 BTree* FindNode(CACache* cache, const unsigned char* key,
                 unsigned long keyLength);
-
-inline CacheState* StateOf(const CACache* cache) {
-  return reinterpret_cast<CacheState* const*>(cache->actions)[-1];
-}
-
-// The quiet pass's hook (see quietpass.h for who calls it): `record` of
-// `cache` may have become a candidate; null when anything may have.
-inline void NoteCandidate(CACache* cache, const CARecord* record) {
-  StateOf(cache)->quietPass.Note(record);
-}
-
-// The handle table: `slots` null handles behind a new state.
-CACacheAction** NewActionTable(int slots);
-// The same table with `slots` more null slots at its end (same state).
-CACacheAction** GrowActionTable(CACacheAction** table, int oldSlots, int slots);
-// Frees the table and its state.
-void FreeActionTable(CACacheAction** table);
 
 // A record for a cache: its data lies behind it in the same heap block when
 // such a block can be had. Every record the library makes comes from here,
