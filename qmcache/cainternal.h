@@ -4,11 +4,13 @@
 #ifndef QMCACHE_CAINTERNAL_H
 #define QMCACHE_CAINTERNAL_H
 
+#include <string.h>
 #include <time.h>
 
 #include <unordered_set>
 #include <vector>
 
+#include "caconst.h"
 #include "castate.h"
 #include "qmcache/qmcache.hpp"
 
@@ -28,6 +30,21 @@ inline BTree* PreorderNext(BTree* n, const BTree* top) {
     if (p->left == n && p->right != nullptr) return p->right;
     n = p;
   }
+}
+
+// What both node constructors set: a leaf under `parent` whose key bytes
+// will be at `store`. The serial is taken before the key is allocated.
+inline void MakeLeaf(BTree* n, unsigned char* store, unsigned long keyLength,
+                     BTree* parent, BTree** parentLink) {
+  memcpy(n->magic, kNodeMagic, sizeof(n->magic));
+  n->keyLength = keyLength;
+  n->serial = BTree::cnt++;
+  n->payload = nullptr;
+  n->key = store;
+  n->parent = parent;
+  n->parentLink = parentLink;
+  n->left = n->right = nullptr;
+  n->leftHeight = n->rightHeight = 0;
 }
 
 // BTree::Insert for a record tree: a new node comes from `arena`.

@@ -21,7 +21,6 @@
 
 #include <cassert>
 #include <new>
-#include <utility>
 #include <vector>
 
 #include "caconst.h"
@@ -172,23 +171,6 @@ void CheckNode(BTree* n) {
 
 // ==== Nodes =================================================================
 
-namespace {
-// What both constructors set: a leaf under `parent` whose key bytes will be
-// at `store`. The serial is taken before the key is allocated.
-void MakeLeaf(BTree* n, unsigned char* store, unsigned long keyLength,
-              BTree* parent, BTree** parentLink) {
-  memcpy(n->magic, kNodeMagic, sizeof(n->magic));
-  n->keyLength = keyLength;
-  n->serial = BTree::cnt++;
-  n->payload = nullptr;
-  n->key = store;
-  n->parent = parent;
-  n->parentLink = parentLink;
-  n->left = n->right = nullptr;
-  n->leftHeight = n->rightHeight = 0;
-}
-}  // namespace
-
 // A key copy that cannot be allocated throws std::bad_alloc, as the node's
 // own allocation would: `new BTree(...)` then releases the node again and
 // BTree::Insert leaves the tree unchanged (it has already set `existed`).
@@ -304,60 +286,6 @@ BTree* InsertNode(BTree* root, unsigned char* key, unsigned long keyLength,
       [arena](unsigned char* k, unsigned long n, BTree* parent, BTree** link) {
         return arena->Make(k, n, parent, link);
       });
-}
-
-// ==== Nodes of the library's record trees ===================================
-
-BTree::BTree(KeyBehind, unsigned char* key, unsigned long keyLength,
-             BTree* parent, BTree** parentLink) {
-  MakeLeaf(this, reinterpret_cast<unsigned char*>(this + 1), keyLength, parent,
-           parentLink);
-  if (keyLength != 0) memcpy(this->key, key, keyLength);
-}
-
-namespace {
-// Chunks double up to this size.
-constexpr size_t kLargestChunk = 1 << 20;
-size_t RoundUp8(size_t n) { return (n + 7) & ~size_t{7}; }
-}  // namespace
-
-BTree* NodeArena::Make(unsigned char* key, unsigned long keyLength,
-                       BTree* parent, BTree** parentLink) {
-  const size_t block = RoundUp8(sizeof(BTree) + keyLength);
-  if (block > left_) {
-    const size_t head = RoundUp8(sizeof(Chunk));
-    size_t size = nextChunk_;
-    while (size < head + block) size *= 2;
-    auto* chunk = static_cast<Chunk*>(malloc(size));
-    if (chunk == nullptr) throw std::bad_alloc();
-    chunk->next = chunks_;
-    chunks_ = chunk;
-    free_ = reinterpret_cast<unsigned char*>(chunk) + head;
-    left_ = size - head;
-    if (nextChunk_ < kLargestChunk) nextChunk_ *= 2;
-  }
-  void* at = free_;
-  free_ += block;
-  left_ -= block;
-  return new (at) BTree(BTree::KeyBehind(), key, keyLength, parent, parentLink);
-}
-
-void NodeArena::Release() {
-  while (chunks_ != nullptr) {
-    Chunk* next = chunks_->next;
-    free(chunks_);
-    chunks_ = next;
-  }
-  free_ = nullptr;
-  left_ = 0;
-  nextChunk_ = kFirstChunk;
-}
-
-void NodeArena::Swap(NodeArena& other) {
-  std::swap(chunks_, other.chunks_);
-  std::swap(free_, other.free_);
-  std::swap(left_, other.left_);
-  std::swap(nextChunk_, other.nextChunk_);
 }
 
 // Climbs from a newly linked node while the subtree it is in grows, and
