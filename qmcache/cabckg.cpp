@@ -46,6 +46,7 @@
 
 #include "caconst.h"
 #include "cainternal.h"
+#include "prefetch.h"
 #include "qmcache/qmcache.hpp"
 
 // Reference time of the current eviction pass; every grade of the pass is
@@ -63,8 +64,8 @@ constexpr unsigned int kGradeAhead = 8;
 inline void PrefetchRecord(const void* payload) {
   if (payload == nullptr) return;
   const CARecord* record = static_cast<const CARecord*>(payload);
-  __builtin_prefetch(&record->length);
-  __builtin_prefetch(&record->valid);
+  Prefetch(&record->length);
+  Prefetch(&record->valid);
 }
 
 // The way back of the controller's walks, kept from walk to walk (passes
@@ -279,7 +280,7 @@ int EraseCandidates(CAFree* f, CACacheAction* action, unsigned int n,
     if (remaining <= 0 && f->grades[i] < kAlwaysGrade) break;
     // The candidates' nodes and records lie anywhere: fetch them ahead.
     if (i + 2 * kGradeAhead < n)
-      __builtin_prefetch(&f->candidates[i + 2 * kGradeAhead]->payload);
+      Prefetch(&f->candidates[i + 2 * kGradeAhead]->payload);
     if (i + kGradeAhead < n)
       PrefetchRecord(f->candidates[i + kGradeAhead]->payload);
     CARecord* record = static_cast<CARecord*>(f->candidates[i]->payload);
@@ -380,7 +381,7 @@ void CAFree::RebuildTree(CACacheAction* action) {
   WalkInOrder(cache->tree, WalkStack(), [&](BTree* node) {
     if (node->payload == nullptr) return;
     // Each record learns its new node: fetch it while the walk goes on.
-    __builtin_prefetch(&static_cast<CARecord*>(node->payload)->node, 1);
+    Prefetch(&static_cast<CARecord*>(node->payload)->node, 1, true);
     batch[count++] = node;
     if (count == kRebuildBatch) flush();
   });

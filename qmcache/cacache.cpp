@@ -13,6 +13,7 @@
 
 #include "caconst.h"
 #include "cainternal.h"
+#include "prefetch.h"
 #include "qmcache/qmcache.hpp"
 #include "qmcache/ybtrace.h"
 
@@ -454,10 +455,7 @@ CARecord* CACacheAction::Search(long maxAge, unsigned long keyLength,
   if (record != nullptr) {
     // A hit is usually followed by a query and a read of the data, which
     // lies behind the record: its first lines are fetched all at once.
-    const char* lines = reinterpret_cast<const char*>(record);
-    __builtin_prefetch(lines);
-    __builtin_prefetch(lines + 64);
-    __builtin_prefetch(lines + 128);
+    Prefetch(record, 3);
   }
   if (record != nullptr && maxAge != 0) {
     // The age is signed: a record made after the clock stepped back is

@@ -12,6 +12,7 @@
 
 #include "caconst.h"
 #include "castate.h"
+#include "prefetch.h"
 #include "qmcache/qmcache.hpp"
 
 // The node after `n` in a pre-order walk (node, left subtree, right
@@ -86,7 +87,7 @@ void WalkInOrder(BTree* root, std::vector<BTree*>& stack, Visit visit) {
   BTree* n = root;
   for (;;) {
     while (n != nullptr) {
-      __builtin_prefetch(n->right);
+      Prefetch(n->right);
       stack.push_back(n);
       n = n->left;
     }

@@ -25,6 +25,7 @@
 
 #include "caconst.h"
 #include "cainternal.h"
+#include "prefetch.h"
 #include "qmcache/qmcache.hpp"
 
 // Advanced with a plain increment: only `serial` is derived from it and
@@ -227,8 +228,8 @@ BTree* BTree::Search(unsigned char* key, unsigned long keyLength) {
   while (n != nullptr) {
     // Both children are fetched while this key is compared: a lookup in a
     // large tree is bound by the memory latency of each level.
-    __builtin_prefetch(n->left);
-    __builtin_prefetch(n->right);
+    Prefetch(n->left);
+    Prefetch(n->right);
     int c = KeyOrder(n->key, n->keyLength, key, keyLength);
     if (c == 0) return n;
     n = c > 0 ? n->left : n->right;
@@ -249,8 +250,7 @@ BTree* InsertWith(BTree* n, unsigned char* key, unsigned long keyLength,
     // bound by the memory latency of each level.
     for (BTree* child : {n->left, n->right}) {
       if (child == nullptr) continue;
-      __builtin_prefetch(child);
-      __builtin_prefetch(reinterpret_cast<char*>(child) + 64);
+      Prefetch(child, 2);
     }
     int c = KeyOrder(n->key, n->keyLength, key, keyLength);
     if (c == 0) {

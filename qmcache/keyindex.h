@@ -23,6 +23,7 @@
 #include <new>
 
 #include "caconst.h"
+#include "prefetch.h"
 #include "qmcache/qmcache.hpp"
 
 class KeyIndex {
@@ -73,7 +74,7 @@ class KeyIndex {
     uint64_t hashes[kBatch];
     for (size_t i = 0; i < n; i++) {
       hashes[i] = Hash(nodes[i]->key, nodes[i]->keyLength);
-      __builtin_prefetch(&slots_[hashes[i] & mask_], 1);
+      Prefetch(&slots_[hashes[i] & mask_], 1, true);
     }
     for (size_t i = 0; i < n; i++) Place(nodes[i], hashes[i]);
     count_ += n;
