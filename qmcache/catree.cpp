@@ -25,6 +25,7 @@
 
 #include "caconst.h"
 #include "cainternal.h"
+#include "keyorder.h"
 #include "prefetch.h"
 #include "qmcache/qmcache.hpp"
 
@@ -37,40 +38,6 @@ unsigned int BTree::cnt = 0;
 namespace {
 
 unsigned long Max(unsigned long a, unsigned long b) { return a > b ? a : b; }
-
-// memcmp over `n` bytes that tolerates null pointers when n is 0.
-int CompareBytes(const unsigned char* a, const unsigned char* b,
-                 unsigned long n) {
-  return n == 0 ? 0 : memcmp(a, b, n);
-}
-
-// The sign of Compare (node key `a` of length n against the given key `b`
-// of length m), inlined into Search and Insert: it compares eight bytes at a
-// time as big-endian words, which gives the same order as memcmp, and saves
-// the two calls per tree level that dominate a lookup.
-inline int KeyOrder(const unsigned char* a, unsigned long n,
-                    const unsigned char* b, unsigned long m) {
-  unsigned long common = n < m ? n : m;
-  unsigned long i = 0;
-  for (; i + 8 <= common; i += 8) {
-    uint64_t x, y;
-    memcpy(&x, a + i, 8);
-    memcpy(&y, b + i, 8);
-    if (x != y) return __builtin_bswap64(x) < __builtin_bswap64(y) ? -1 : 1;
-  }
-  if (i + 4 <= common) {
-    uint32_t x, y;
-    memcpy(&x, a + i, 4);
-    memcpy(&y, b + i, 4);
-    if (x != y) return __builtin_bswap32(x) < __builtin_bswap32(y) ? -1 : 1;
-    i += 4;
-  }
-  for (; i < common; i++) {
-    if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
-  }
-  if (n == m) return 0;
-  return n < m ? 1 : -1;  // the shorter key, a prefix, sorts after
-}
 
 // Rotates right at `p`, whose left child is `n`: n takes p's place (through
 // p's parentLink, which rewrites the root holder at the root), n's right
@@ -212,15 +179,8 @@ BTree::~BTree() {
 }
 
 int BTree::Compare(unsigned char* key, unsigned long keyLength) {
-  unsigned long n = this->keyLength;
-  if (n == keyLength) return CompareBytes(this->key, key, n);
-  if (n < keyLength) {
-    // This key is shorter: as a prefix of the given one it sorts after it.
-    int r = CompareBytes(this->key, key, n);
-    return r != 0 ? r : 1;
-  }
-  int r = CompareBytes(this->key, key, keyLength);
-  return r != 0 ? r : -1;
+  return OrderKeys(this->key, this->keyLength, key, keyLength,
+                   keyorder::Memcmp);
 }
 
 BTree* BTree::Search(unsigned char* key, unsigned long keyLength) {

@@ -23,6 +23,7 @@
 #include <new>
 
 #include "caconst.h"
+#include "keyorder.h"
 #include "prefetch.h"
 #include "qmcache/qmcache.hpp"
 
@@ -43,9 +44,7 @@ class KeyIndex {
       if (slot == 0) return nullptr;
       if ((slot & kTagMask) == tag) {
         BTree* node = NodeIn(slot);
-        if (node->keyLength == keyLength &&
-            SameBytes(node->key, key, keyLength))
-          return node;
+        if (SameKey(node->key, node->keyLength, key, keyLength)) return node;
       }
     }
   }
@@ -106,30 +105,8 @@ class KeyIndex {
     return reinterpret_cast<BTree*>(static_cast<uintptr_t>(slot & ~kTagMask));
   }
 
-  static uint64_t Load64(const unsigned char* p) {
-    uint64_t v;
-    memcpy(&v, p, 8);
-    return v;
-  }
-  static uint64_t Load32(const unsigned char* p) {
-    uint32_t v;
-    memcpy(&v, p, 4);
-    return v;
-  }
-  // memcmp(a, b, n) == 0, without a call for keys of up to 16 bytes.
-  static bool SameBytes(const unsigned char* a, const unsigned char* b,
-                        unsigned long n) {
-    if (n > 16) return memcmp(a, b, n) == 0;
-    if (n >= 8)
-      return ((Load64(a) ^ Load64(b)) |
-              (Load64(a + n - 8) ^ Load64(b + n - 8))) == 0;
-    if (n >= 4)
-      return ((Load32(a) ^ Load32(b)) |
-              (Load32(a + n - 4) ^ Load32(b + n - 4))) == 0;
-    for (unsigned long i = 0; i < n; i++)
-      if (a[i] != b[i]) return false;
-    return true;
-  }
+  static uint64_t Load64(const unsigned char* p) { return keyorder::Load64(p); }
+  static uint64_t Load32(const unsigned char* p) { return keyorder::Load32(p); }
   static uint64_t Mix(uint64_t a, uint64_t b) {
     const __uint128_t r = static_cast<__uint128_t>(a) * b;
     return static_cast<uint64_t>(r) ^ static_cast<uint64_t>(r >> 64);
