@@ -544,13 +544,13 @@ void** CACacheAction::GetCacheAsList(int* count) {
   return list;
 }
 
-// Pre-order over `node`'s subtree (PreorderNext: no stack, whatever the
-// tree's height). A node without a record is skipped but the records
-// below it are listed: a host expects the list to hold every record.
+// Pre-order over `node`'s subtree (WalkPreorder). A node without a record
+// is skipped but the records below it are listed: a host expects the list
+// to hold every record.
 int CACacheAction::TreeToArray(BTree* node, void** list, int* count) {
-  for (BTree* n = node; n != nullptr; n = PreorderNext(n, node)) {
+  WalkPreorder(node, [list, count](BTree* n) {
     if (n->payload != nullptr) list[(*count)++] = n->payload;
-  }
+  });
   return *count;
 }
 
@@ -786,58 +786,39 @@ int CACache::CheckCache(unsigned int traceId) {
   return 0;
 }
 
-// Each frame is a node whose own fields have passed, with the next step due
-// for it. A child that is already on the path (a cycle, possible only with
+// WalkDepthFirst gives the recursive order: a node's fields on reaching it,
+// its left subtree, its left link, its right subtree, its right link, its
+// record. A child that is already on the path (a cycle, possible only with
 // damaged links) is reported as a bad link at once, since its subtree would
 // never end.
 int CACache::BTreeCheck(unsigned int traceId, BTree* node, CACache* cache) {
-  enum Step { kLeft, kLeftLink, kRightLink };
-  struct Frame {
-    BTree* node;
-    Step step;
-  };
-  if (CheckNodeFields(traceId, node, cache) != 0) return 1;
-  std::vector<Frame> stack;
   std::unordered_set<BTree*> onPath;
-  stack.push_back({node, kLeft});
-  onPath.insert(node);
-  while (!stack.empty()) {
-    Frame& frame = stack.back();
-    BTree* n = frame.node;
-    BTree* child = nullptr;
-    switch (frame.step) {
-      case kLeft:
-        frame.step = kLeftLink;
-        child = n->left;
-        break;
-      case kLeftLink:
-        if (n->left != nullptr &&
-            (n->left->parent != n || n->left->parentLink != &n->left)) {
-          CheckReportLink(traceId, n, n->left, cache);
-          return 1;
+  // The link from `n` through `link` (&n->left or &n->right), reported when
+  // the child does not point back.
+  auto badLink = [&](BTree* n, BTree** link) {
+    BTree* child = *link;
+    if (child == nullptr || (child->parent == n && child->parentLink == link))
+      return false;
+    CheckReportLink(traceId, n, child, cache);
+    return true;
+  };
+  const bool sound = WalkDepthFirst(
+      node,
+      [&](BTree* n, BTree* parent) {
+        if (parent != nullptr && onPath.count(n) != 0) {
+          CheckReportLink(traceId, parent, n, cache);
+          return false;
         }
-        frame.step = kRightLink;
-        child = n->right;
-        break;
-      case kRightLink:
-        if (n->right != nullptr &&
-            (n->right->parent != n || n->right->parentLink != &n->right)) {
-          CheckReportLink(traceId, n, n->right, cache);
-          return 1;
-        }
-        if (CheckRecord(traceId, n, cache) != 0) return 1;
+        if (CheckNodeFields(traceId, n, cache) != 0) return false;
+        onPath.insert(n);
+        return true;
+      },
+      [&](BTree* n) { return !badLink(n, &n->left); },
+      [&](BTree* n) {
+        if (badLink(n, &n->right) || CheckRecord(traceId, n, cache) != 0)
+          return false;
         onPath.erase(n);
-        stack.pop_back();
-        continue;
-    }
-    if (child == nullptr) continue;
-    if (onPath.count(child) != 0) {
-      CheckReportLink(traceId, n, child, cache);
-      return 1;
-    }
-    if (CheckNodeFields(traceId, child, cache) != 0) return 1;
-    stack.push_back({child, kLeft});  // invalidates `frame`
-    onPath.insert(child);
-  }
-  return 0;
+        return true;
+      });
+  return sound ? 0 : 1;
 }

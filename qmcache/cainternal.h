@@ -15,22 +15,67 @@
 #include "prefetch.h"
 #include "qmcache/qmcache.hpp"
 
-// The node after `n` in a pre-order walk (node, left subtree, right
-// subtree) of the subtree rooted at `top`, or null after its last node. It
-// moves along child and parent links only, so a chain-shaped tree of any
-// length needs no stack; the walk never climbs above `top`.
-inline BTree* PreorderNext(BTree* n, const BTree* top) {
-  if (n->left != nullptr) return n->left;
-  if (n->right != nullptr) return n->right;
-  // A leaf: climb to the nearest ancestor whose right subtree is still to
-  // be visited, coming up from its left side.
+// The one depth-first walk of a subtree (besides BTreeNumerator and
+// WalkInOrder). It follows child links only, never `parent` or the heights,
+// so a damaged tree cannot lead it astray, and keeps its way back on the
+// heap, so a chain-shaped tree of any length needs no deep stack. For every
+// node n it calls, in this order:
+//   enter(n, parent)  on reaching n (parent null at `top`): pre-order;
+//   between(n)        once n's left subtree is done, before its right one;
+//   leave(n)          once both subtrees are done: post-order.
+// Each returns false to end the walk at once, which then returns false. A
+// node's child links are read just before its subtree is entered, so leave
+// may delete the node; the walk touches it no more. A leaf at `top` costs
+// no allocation.
+template <class Enter, class Between, class Leave>
+bool WalkDepthFirst(BTree* top, Enter enter, Between between, Leave leave) {
+  if (top == nullptr) return true;
+  if (!enter(top, nullptr)) return false;
+  enum Step { kLeft, kRight, kLeave };
+  struct Frame {
+    BTree* node;
+    Step next;
+  };
+  std::vector<Frame> path;
+  BTree* n = top;
+  Step step = kLeft;
   for (;;) {
-    if (n == top) return nullptr;
-    BTree* p = n->parent;
-    if (p == nullptr) return nullptr;
-    if (p->left == n && p->right != nullptr) return p->right;
-    n = p;
+    BTree* child = nullptr;
+    if (step == kLeft) {
+      child = n->left;
+      step = kRight;
+    } else if (step == kRight) {
+      if (!between(n)) return false;
+      child = n->right;
+      step = kLeave;
+    } else {
+      if (!leave(n)) return false;
+      if (path.empty()) return true;
+      n = path.back().node;
+      step = path.back().next;
+      path.pop_back();
+      continue;
+    }
+    if (child == nullptr) continue;
+    if (!enter(child, n)) return false;
+    path.push_back({n, step});
+    n = child;
+    step = kLeft;
   }
+}
+
+// The pre-order (node, left subtree, right subtree) of WalkDepthFirst:
+// `visit(node)` for every node of the subtree.
+template <class Visit>
+void WalkPreorder(BTree* top, Visit visit) {
+  auto none = [](BTree*) { return true; };
+  WalkDepthFirst(
+      top,
+      [&](BTree* n, BTree*) {
+        visit(n);
+        return true;
+      },
+      none, none);
 }
 
 // What both node constructors set: a leaf under `parent` whose key bytes

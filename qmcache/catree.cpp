@@ -150,31 +150,21 @@ BTree::BTree(unsigned char* key, unsigned long keyLength, BTree* parent,
   if (keyLength != 0) memcpy(this->key, key, keyLength);
 }
 
-// Destroys the subtree without recursion: it descends into the left, else
-// the right child, unhooking that child from its parent on the way down and
-// recording the way back in the child's `parent` field (the stored value is
-// not trusted, and the node is doomed anyway). A node whose children are
-// gone is deleted, and its own destructor then has nothing below it.
+// Destroys the subtree without recursion (WalkDepthFirst), each node once
+// both of its subtrees are gone: unhooked from its children first, its own
+// destructor then has nothing below it.
 BTree::~BTree() {
-  BTree* n = this;
-  for (;;) {
-    BTree* child;
-    if (n->left != nullptr) {
-      child = n->left;
-      n->left = nullptr;
-    } else if (n->right != nullptr) {
-      child = n->right;
-      n->right = nullptr;
-    } else {
-      if (n == this) break;
-      BTree* back = n->parent;
-      delete n;
-      n = back;
-      continue;
-    }
-    child->parent = n;
-    n = child;
-  }
+  auto more = [](BTree*) { return true; };
+  WalkDepthFirst(
+      this, [](BTree*, BTree*) { return true; }, more,
+      [this](BTree* n) {
+        if (n != this) {
+          n->left = nullptr;
+          n->right = nullptr;
+          delete n;
+        }
+        return true;
+      });
   if (key != nullptr) free(key);
 }
 
@@ -279,38 +269,27 @@ void BTree::ReOrg() {
   }
 }
 
-// A pre-order walk over the parent pointers: no stack, whatever the
-// tree's height. Empty nodes are passed over, not their subtrees.
+// Pre-order (WalkPreorder). Empty nodes are passed over, not their
+// subtrees.
 void BTree::ClearAttr() {
-  for (BTree* n = this; n != nullptr; n = PreorderNext(n, this)) {
+  WalkPreorder(this, [](BTree* n) {
     if (n->payload != nullptr) {
       static_cast<CARecord*>(n->payload)->flags &= kClearAttrMask;
     }
-  }
+  });
 }
 
 // ==== Self-check ============================================================
 
-// Pre-order (node, left subtree, right subtree) with an explicit stack of
-// right subtrees still to be visited. The walk follows only the child
-// links, so damaged parent links and heights, which are what it reports,
-// cannot lead it astray; its depth costs heap, not stack.
+// Pre-order (WalkPreorder). The walk follows only the child links, so
+// damaged parent links and heights, which are what it reports, cannot lead
+// it astray.
 int BTree::CheckTree() {
-  std::vector<BTree*> pending;
   int count = 0;
-  BTree* n = this;
-  for (;;) {
-    if (n == nullptr) {
-      if (pending.empty()) break;
-      n = pending.back();
-      pending.pop_back();
-      continue;
-    }
+  WalkPreorder(this, [&count](BTree* n) {
     count++;
     CheckNode(n);
-    if (n->right != nullptr) pending.push_back(n->right);
-    n = n->left;
-  }
+  });
   return count;
 }
 
