@@ -44,7 +44,9 @@
 #include <utility>
 #include <vector>
 
+#include "caconst.h"
 #include "cainternal.h"
+#include "prefetch.h"
 #include "qmcache/qmcache.hpp"
 
 // Reference time of the current eviction pass; every grade of the pass is
@@ -55,22 +57,6 @@ static unsigned long deleted;
 
 namespace {
 
-// Statistic slots of the two passes.
-constexpr int kEvictionSlot = 6;
-constexpr int kRebuildSlot = 7;
-
-// A tree with more free nodes than this is rebuilt.
-constexpr unsigned int kMaxFreeNodes = 20000;
-// Nodes collected before they are inserted into the new tree.
-constexpr int kBatchSize = static_cast<int>(KeyIndex::kBatch);
-// The grade arrays grow by this many entries.
-constexpr unsigned int kGradStep = 100;
-
-// Grade of a record that must go (expired): ahead of every ordinary grade.
-constexpr double kForcedGrade = 1e10;
-// Once the byte target is met, candidates graded at least this still go.
-constexpr double kAlwaysGrade = 1e9;
-
 // How many nodes ahead of its grading (or erasing) a record is fetched.
 constexpr unsigned int kGradeAhead = 8;
 
@@ -78,8 +64,8 @@ constexpr unsigned int kGradeAhead = 8;
 inline void PrefetchRecord(const void* payload) {
   if (payload == nullptr) return;
   const CARecord* record = static_cast<const CARecord*>(payload);
-  __builtin_prefetch(&record->length);
-  __builtin_prefetch(&record->valid);
+  Prefetch(&record->length);
+  Prefetch(&record->valid);
 }
 
 // The way back of the controller's walks, kept from walk to walk (passes
@@ -103,7 +89,7 @@ void CheckWalkOrder(CACache* cache) {
 // Grows both grade arrays by one step. Returns false, keeping the current
 // capacity, when the memory cannot be had.
 bool GrowGrades(CAFree* f) {
-  unsigned int capacity = f->gradCapacity + kGradStep;
+  unsigned int capacity = f->gradCapacity + kGradeStep;
   double* grades =
       static_cast<double*>(realloc(f->grades, capacity * sizeof(double)));
   if (grades == nullptr) return false;
@@ -125,7 +111,7 @@ void RecordPass(CACache* cache, int slot, double elapsed) {
 
 // Puts the figures of the cache's `timing` slot into its parameters.
 void RefreshTiming(CACache* cache) {
-  cache->timing.Get(0, &cache->params.timing, 1);
+  cache->timing.Get(0, &cache->params.timing, kStatGetMode);
 }
 
 }  // namespace
@@ -162,10 +148,10 @@ void InsertMedianFirst(BTree** root, BTree** nodes, int lo, int hi,
 }  // namespace
 
 CAFree::CAFree(int singleThreaded) : clock(), lock1(), lock2() {
-  gradCapacity = kGradStep;
+  gradCapacity = kGradeStep;
   SingleThreaded = singleThreaded;
-  grades = static_cast<double*>(malloc(kGradStep * sizeof(double)));
-  candidates = static_cast<BTree**>(malloc(kGradStep * sizeof(void*)));
+  grades = static_cast<double*>(malloc(kGradeStep * sizeof(double)));
+  candidates = static_cast<BTree**>(malloc(kGradeStep * sizeof(void*)));
   if (grades == nullptr || candidates == nullptr) {
     // Start empty; the first candidate of a pass tries again.
     free(grades);
@@ -197,10 +183,8 @@ CAFree::~CAFree() {
   // lock2, lock1 and clock are destroyed after this body, in that order.
 }
 
-namespace {
-
 // A record's deletion grade at `at` under `budget` (DeleteGrad's rule).
-double GradeAt(const CARecord* record, time_t at, unsigned long budget) {
+double EvictionGrade(const CARecord* record, time_t at, unsigned long budget) {
   if (record->flags & CAREC_PINNED) return 0;
   const long age = static_cast<long>(at - record->created);
   if (record->flags & CAREC_EXPIRES) {
@@ -216,17 +200,10 @@ double GradeAt(const CARecord* record, time_t at, unsigned long budget) {
          static_cast<double>(record->length);
 }
 
-}  // namespace
-
 double CAFree::DeleteGrad(BTree* node, unsigned long budget) {
   if (node == nullptr || node->payload == nullptr) return 0;
-  return GradeAt(static_cast<const CARecord*>(node->payload), freeTime, budget);
-}
-
-void NoteCandidate(CACache* cache, const CARecord* record) {
-  QuietPass& quiet = StateOf(cache)->quietPass;
-  if (quiet.valid && GradeAt(record, quiet.when, quiet.budget) != 0)
-    quiet.valid = false;
+  return EvictionGrade(static_cast<const CARecord*>(node->payload), freeTime,
+                       budget);
 }
 
 void CAFree::QuickSort(int lo, int hi) {
@@ -261,6 +238,69 @@ void CAFree::QuickSort(int lo, int hi) {
   }
 }
 
+namespace {
+
+// The collection of a pass: walks the cache's tree in order and enters every
+// record with a grade into the controller's arrays. Returns their number.
+unsigned int CollectCandidates(CAFree* f, CACache* cache,
+                               unsigned long budget) {
+  unsigned int n = 0;
+  auto enter = [&](BTree* graded) {
+    const double grade = f->DeleteGrad(graded, budget);
+    if (grade == 0) return;
+    if (n == f->gradCapacity && !GrowGrades(f)) return;
+    f->grades[n] = grade < 0 ? kForcedGrade : grade;
+    f->candidates[n] = graded;
+    ++n;
+  };
+  // Grading reads every record; each is fetched while the walk goes on,
+  // and graded a few nodes later, still in the walk's order.
+  BTree* ring[kGradeAhead];
+  unsigned int walked = 0;
+  WalkInOrder(cache->tree, WalkStack(), [&](BTree* node) {
+    PrefetchRecord(node->payload);
+    if (walked >= kGradeAhead) enter(ring[walked % kGradeAhead]);
+    ring[walked++ % kGradeAhead] = node;
+  });
+  for (unsigned int k = walked > kGradeAhead ? walked - kGradeAhead : 0;
+       k < walked; ++k) {
+    enter(ring[k % kGradeAhead]);
+  }
+  return n;
+}
+
+// The erasing of a pass: the sorted candidates, best first, until
+// `toDelete` bytes are gone, and then those graded at least kAlwaysGrade.
+// 1 when the target was met, else 0.
+int EraseCandidates(CAFree* f, CACacheAction* action, unsigned int n,
+                    size_t toDelete) {
+  long remaining = static_cast<long>(toDelete);
+  unsigned int i = 0;
+  for (; i < n; ++i) {
+    if (remaining <= 0 && f->grades[i] < kAlwaysGrade) break;
+    // The candidates' nodes and records lie anywhere: fetch them ahead.
+    if (i + 2 * kGradeAhead < n)
+      Prefetch(&f->candidates[i + 2 * kGradeAhead]->payload);
+    if (i + kGradeAhead < n)
+      PrefetchRecord(f->candidates[i + kGradeAhead]->payload);
+    CARecord* record = static_cast<CARecord*>(f->candidates[i]->payload);
+    if (record == nullptr) continue;
+    const unsigned long length = record->length;
+    remaining -= static_cast<long>(length);
+    if (trace)
+      trace->Write("CACACHE %zu. Delete %zu bytes", deleted + 1, length);
+    action->EraseHandle(record);
+    if (trace) trace->Write("CACACHE %zu. Deleted", deleted + 1);
+    ++deleted;
+  }
+  // Stopping early means the target was met; running off the end leaves
+  // the answer to what is still to delete (with no candidate: 0).
+  return (i < n || remaining <= 0) ? 1 : 0;
+}
+
+}  // namespace
+
+// A pass: collect, sort, erase.
 int CAFree::Compress(CACacheAction* action) {
   // Nothing to reclaim without a cache.
   if (action == nullptr || action->cache == nullptr) return 1;
@@ -268,7 +308,7 @@ int CAFree::Compress(CACacheAction* action) {
   RefreshTiming(cache);
 
   const unsigned int maxBytes = cache->params.maxBytes;
-  const unsigned int mark = maxBytes - maxBytes / 10;
+  const unsigned int mark = EvictionMark(maxBytes);
   const unsigned int allocated = cache->params.allocated;
   if (allocated <= mark) return 1;
   const size_t toDelete = allocated - mark;
@@ -282,86 +322,20 @@ int CAFree::Compress(CACacheAction* action) {
 
   deleted = 0;
   freeTime = time(nullptr);
-
-  // A pass in the same second and under the same budget as the cache's
-  // last pass that found no candidate, with nothing noted since that could
-  // have made one (NoteCandidate), would find none either: it skips the
-  // walk. A cache stuck over its budget with records of the current second
-  // runs such a pass for every insert.
-  QuietPass& quiet = StateOf(cache)->quietPass;
-  const bool stillQuiet =
-      quiet.valid && quiet.when == freeTime && quiet.budget == maxBytes;
   clock.Start();
-  const unsigned long budget = maxBytes;
-  unsigned int n = 0;
-  auto collect = [&](BTree* graded) {
-    const double grade = DeleteGrad(graded, budget);
-    if (grade == 0) return;
-    if (n == gradCapacity && !GrowGrades(this)) return;
-    grades[n] = grade < 0 ? kForcedGrade : grade;
-    candidates[n] = graded;
-    ++n;
-  };
-  // Grading reads every record; each is fetched while the walk goes on,
-  // and graded a few nodes later, still in the walk's order.
-  BTree* ring[kGradeAhead];
-  unsigned int walked = 0;
-  if (!stillQuiet) {
-    WalkInOrder(cache->tree, WalkStack(), [&](BTree* node) {
-      PrefetchRecord(node->payload);
-      if (walked >= kGradeAhead) collect(ring[walked % kGradeAhead]);
-      ring[walked++ % kGradeAhead] = node;
-    });
-  }
-  for (unsigned int k = walked > kGradeAhead ? walked - kGradeAhead : 0;
-       k < walked; ++k) {
-    collect(ring[k % kGradeAhead]);
-  }
 #ifndef NDEBUG
-  // The walk is the numerator's, and one that was skipped would have found
-  // nothing. Checked on every pass over a small tree, and on every 1024th over
-  // a large one, so that a debug build stays usable where skips are the
-  // rule.
   static unsigned long passes = 0;
-  if (cache->params.nodes <= 1024 || ++passes % 1024 == 0) {
+  if (cache->params.nodes <= 1024 || ++passes % 1024 == 0)
     CheckWalkOrder(cache);
-    BTreeNumerator* walk = nullptr;
-    for (BTree* node = cache->First(&walk); stillQuiet && node != nullptr;
-         node = cache->Next(&walk)) {
-      assert(DeleteGrad(node, budget) == 0);
-    }
-    delete walk;
-  }
 #endif
-  quiet.valid = n == 0;
-  quiet.when = freeTime;
-  quiet.budget = maxBytes;
+  const unsigned int n = StateOf(cache)->quietPass.Run(
+      freeTime, maxBytes, cache->params.nodes,
+      [&] { return CollectCandidates(this, cache, maxBytes); });
   if (trace) trace->Write("CACACHE Found %u record avaiable to delete", n);
 
   if (n >= 2) QuickSort(0, static_cast<int>(n) - 1);
 
-  long remaining = static_cast<long>(toDelete);
-  unsigned int i = 0;
-  for (; i < n; ++i) {
-    if (remaining <= 0 && grades[i] < kAlwaysGrade) break;
-    // The candidates' nodes and records lie anywhere: fetch them ahead.
-    if (i + 2 * kGradeAhead < n)
-      __builtin_prefetch(&candidates[i + 2 * kGradeAhead]->payload);
-    if (i + kGradeAhead < n)
-      PrefetchRecord(candidates[i + kGradeAhead]->payload);
-    CARecord* record = static_cast<CARecord*>(candidates[i]->payload);
-    if (record == nullptr) continue;
-    const unsigned long length = record->length;
-    remaining -= static_cast<long>(length);
-    if (trace)
-      trace->Write("CACACHE %zu. Delete %zu bytes", deleted + 1, length);
-    action->EraseHandle(record);
-    if (trace) trace->Write("CACACHE %zu. Deleted", deleted + 1);
-    ++deleted;
-  }
-  // Stopping early means the target was met; running off the end leaves
-  // the answer to what is still to delete (with no candidate: 0).
-  const int result = (i < n || remaining <= 0) ? 1 : 0;
+  const int result = EraseCandidates(this, action, n, toDelete);
 
   if (trace) trace->Write("CACACHE %zu record deleted", deleted);
   RecordPass(cache, kEvictionSlot, clock.Stop());
@@ -375,14 +349,14 @@ void CAFree::RebuildTree(CACacheAction* action) {
   CACache* cache = action->cache;
   RefreshTiming(cache);
   const unsigned int freeNodes = cache->params.nodes - cache->params.usedNodes;
-  if (freeNodes <= kMaxFreeNodes) return;
+  if (freeNodes <= kFreeNodeLimit) return;
   if (trace) {
     trace->Write("CACACHE Rebuild binary tree %u free tree node", freeNodes);
   }
   RefreshTiming(cache);
 
   clock.Start();
-  BTree* batch[kBatchSize] = {};
+  BTree* batch[kRebuildBatch] = {};
   BTree* root = nullptr;
   unsigned int total = 0;
   int count = 0;
@@ -392,7 +366,7 @@ void CAFree::RebuildTree(CACacheAction* action) {
   KeyIndex& index = state->index;
   index.Reset(cache->params.usedNodes);
   NodeArena fresh;  // the new tree's nodes
-  BTree* made[kBatchSize];
+  BTree* made[kRebuildBatch];
   auto flush = [&] {
     InsertMedianFirst(&root, batch, 0, count - 1, &fresh);
     for (int i = 0; i < count; i++)
@@ -407,9 +381,9 @@ void CAFree::RebuildTree(CACacheAction* action) {
   WalkInOrder(cache->tree, WalkStack(), [&](BTree* node) {
     if (node->payload == nullptr) return;
     // Each record learns its new node: fetch it while the walk goes on.
-    __builtin_prefetch(&static_cast<CARecord*>(node->payload)->node, 1);
+    Prefetch(&static_cast<CARecord*>(node->payload)->node, 1, true);
     batch[count++] = node;
-    if (count == kBatchSize) flush();
+    if (count == kRebuildBatch) flush();
   });
   if (count > 0) flush();
 

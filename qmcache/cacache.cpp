@@ -11,7 +11,9 @@
 #include <unordered_set>
 #include <vector>
 
+#include "caconst.h"
 #include "cainternal.h"
+#include "prefetch.h"
 #include "qmcache/qmcache.hpp"
 #include "qmcache/ybtrace.h"
 
@@ -27,13 +29,6 @@ BTree* CACache::caches = nullptr;
 CAUniq CACache::uniq;
 
 namespace {
-
-// "CAAC" followed by four zero bytes, read as a little-endian 64-bit word.
-constexpr unsigned long kHandleMagic = 0x43414143UL;
-constexpr unsigned int kDefaultBudget = 1048576;
-// More free (record-less) nodes than this start a reclamation pass.
-constexpr unsigned int kFreeNodeLimit = 20000;
-constexpr int kActionGrowth = 16;
 
 unsigned long KeyLengthOf(const char* name) { return strlen(name) + 1; }
 
@@ -87,8 +82,7 @@ bool CallsBack(const CARecord* record) {
 
 }  // namespace
 
-// ---- A cache's private state: its key index, and the handle table block it
-//      hangs in front of ------------------------------------------------
+// ---- The key index ---------------------------------------------------------
 
 BTree* FindNode(CACache* cache, const unsigned char* key,
                 unsigned long keyLength) {
@@ -101,28 +95,6 @@ BTree* FindNode(CACache* cache, const unsigned char* key,
     descent = cache->tree->Search(const_cast<unsigned char*>(key), keyLength);
   assert(!index.usable() || index.Find(key, keyLength) == descent);
   return descent;
-}
-
-CACacheAction** NewActionTable(int slots) {
-  void** block = static_cast<void**>(calloc(slots + 1, sizeof(void*)));
-  block[0] = new CacheState();
-  return reinterpret_cast<CACacheAction**>(block + 1);
-}
-
-CACacheAction** GrowActionTable(CACacheAction** table, int oldSlots,
-                                int slots) {
-  void** block = reinterpret_cast<void**>(table) - 1;
-  block = static_cast<void**>(
-      realloc(block, (oldSlots + slots + 1) * sizeof(void*)));
-  memset(block + 1 + oldSlots, 0, slots * sizeof(void*));
-  return reinterpret_cast<CACacheAction**>(block + 1);
-}
-
-void FreeActionTable(CACacheAction** table) {
-  if (table == nullptr) return;
-  void** block = reinterpret_cast<void**>(table) - 1;
-  delete static_cast<CacheState*>(block[0]);
-  free(block);
 }
 
 // ---- Caches and the registry ------------------------------------------------
@@ -147,11 +119,12 @@ CACacheAction* CACache::Create(char* name, CAParams* params) {
     cache->stats.Cleanup();
     cache->timing.Cleanup();
     cache->params.maxBytes = params->maxBytes;
+    NoteCandidate(cache, nullptr);
   } else {
     cache = new CACache(name, params);
     node->payload = cache;
   }
-  cache->timing.Get(0, &cache->params.timing, 1);
+  cache->timing.Get(0, &cache->params.timing, kStatGetMode);
   memcpy(params, &cache->params, sizeof(CAParams));
   return new CACacheAction(cache);
 }
@@ -160,7 +133,7 @@ int CACache::GetCacheStat(void* handle, CAParams* params) {
   CACacheAction* action = CACacheAction::GetAction(handle);
   if (action == nullptr || action->cache == nullptr) return 0;
   CACache* cache = action->cache;
-  cache->timing.Get(0, &cache->params.timing, 1);
+  cache->timing.Get(0, &cache->params.timing, kStatGetMode);
   memcpy(params, &cache->params, sizeof(CAParams));
   return 1;
 }
@@ -212,8 +185,8 @@ void CACache::CleanUp() {
 }
 
 CACache::CACache(char* name, CAParams* params)
-    : stats(8), closing(0), timing(1) {
-  memcpy(magic, "%%CC", 4);
+    : stats(kStatSlots), closing(0), timing(kTimingSlots) {
+  memcpy(magic, kCacheMagic, sizeof(magic));
   tree = nullptr;
   this->name = strdup(name);
   actionSlots = kActionGrowth;
@@ -224,7 +197,7 @@ CACache::CACache(char* name, CAParams* params)
   this->params.nodes = 0;
   this->params.usedNodes = 0;
   memset(&this->params.timing, 0, sizeof(_CAStat));
-  timing.Get(0, &this->params.timing, 1);
+  timing.Get(0, &this->params.timing, kStatGetMode);
   memcpy(params, &this->params, sizeof(CAParams));
 }
 
@@ -375,7 +348,7 @@ void CACacheAction::Close() {
   if (cache != nullptr) {
     cache->params.maxBytes = 0;
     if (cache->tree != nullptr) cache->tree->ClearAttr();
-    StateOf(cache)->quietPass.valid = false;  // pinned records may go now
+    NoteCandidate(cache, nullptr);  // pinned records may go now
   }
   delete this;
 }
@@ -482,10 +455,7 @@ CARecord* CACacheAction::Search(long maxAge, unsigned long keyLength,
   if (record != nullptr) {
     // A hit is usually followed by a query and a read of the data, which
     // lies behind the record: its first lines are fetched all at once.
-    const char* lines = reinterpret_cast<const char*>(record);
-    __builtin_prefetch(lines);
-    __builtin_prefetch(lines + 64);
-    __builtin_prefetch(lines + 128);
+    Prefetch(record, 3);
   }
   if (record != nullptr && maxAge != 0) {
     // The age is signed: a record made after the clock stepped back is
@@ -574,13 +544,13 @@ void** CACacheAction::GetCacheAsList(int* count) {
   return list;
 }
 
-// Pre-order over `node`'s subtree (PreorderNext: no stack, whatever the
-// tree's height). A node without a record is skipped but the records
-// below it are listed: a host expects the list to hold every record.
+// Pre-order over `node`'s subtree (WalkPreorder). A node without a record
+// is skipped but the records below it are listed: a host expects the list
+// to hold every record.
 int CACacheAction::TreeToArray(BTree* node, void** list, int* count) {
-  for (BTree* n = node; n != nullptr; n = PreorderNext(n, node)) {
+  WalkPreorder(node, [list, count](BTree* n) {
     if (n->payload != nullptr) list[(*count)++] = n->payload;
-  }
+  });
   return *count;
 }
 
@@ -609,16 +579,9 @@ char CACache::cache_buf[512];
 
 namespace {
 
-// "CAAC" and four zero bytes, compared as one 64-bit word.
-constexpr unsigned long kCheckHandleMagic = 0x43414143UL;
-constexpr unsigned long kCheckMaxHeight = 2000;
-constexpr unsigned long kCheckMaxKeyLength = 255;
-constexpr size_t kCheckMaxCacheName = 254;
-constexpr uintptr_t kCheckLowestAddress = 1000;
-
 // A pointer that must be present: faulty when null or a small integer.
 bool CheckMissing(const void* p) {
-  return reinterpret_cast<uintptr_t>(p) <= kCheckLowestAddress;
+  return reinterpret_cast<uintptr_t>(p) <= kLowestAddress;
 }
 
 // A pointer that may be absent: faulty when a small integer.
@@ -673,16 +636,16 @@ void CheckNodeDump(unsigned int traceId, const char* label,
 
 // The tests of a node's own fields; 1 after reporting a fault.
 int CheckNodeFields(unsigned int traceId, BTree* n, CACache* cache) {
-  if (memcmp(n->magic, "%%BT", sizeof(n->magic)) != 0 ||
-      n->leftHeight > kCheckMaxHeight || n->rightHeight > kCheckMaxHeight ||
-      n->keyLength == 0 || n->keyLength > kCheckMaxKeyLength ||
+  if (memcmp(n->magic, kNodeMagic, sizeof(n->magic)) != 0 ||
+      n->leftHeight > kMaxHeight || n->rightHeight > kMaxHeight ||
+      n->keyLength == 0 || n->keyLength > kMaxKeyLength ||
       CheckMissing(n->key)) {
     if (traceId != 0) {
       CheckBanner(traceId, cache);
       CheckText(traceId, "invalid BTree structure - address: %p",
                 static_cast<void*>(n));
       CheckDump(traceId, "BTree structure", n, sizeof(BTree));
-      if (n->keyLength >= 1 && n->keyLength <= kCheckMaxKeyLength - 1 &&
+      if (n->keyLength >= 1 && n->keyLength <= kMaxKeyLength - 1 &&
           !CheckMissing(n->key)) {
         CheckDump(traceId, "BTree key", n->key, n->keyLength);
       }
@@ -735,7 +698,7 @@ int CheckRecord(unsigned int traceId, BTree* n, CACache* cache) {
 
 // The tests of one cache before its tree; 1 after reporting a fault.
 int CheckCacheFields(unsigned int traceId, CACache* c) {
-  if (memcmp(c->magic, "%%CC", sizeof(c->magic)) != 0) {
+  if (memcmp(c->magic, kCacheMagic, sizeof(c->magic)) != 0) {
     if (traceId != 0) {
       if (!CheckMissing(c->name)) {
         CheckText(traceId,
@@ -762,7 +725,7 @@ int CheckCacheFields(unsigned int traceId, CACache* c) {
     return 1;
   }
   size_t nameLength = strlen(c->name);
-  if (nameLength > kCheckMaxCacheName) {
+  if (nameLength > kMaxCacheName) {
     CheckText(traceId, "CACache address: %p", static_cast<void*>(c));
     CheckDump(traceId, "CACache structure", c, sizeof(CACache));
     CheckPlainText(traceId, "invalid CACache name");
@@ -772,7 +735,7 @@ int CheckCacheFields(unsigned int traceId, CACache* c) {
   for (int i = 0; i < c->actionSlots; ++i) {
     CACacheAction* h = c->actions[i];
     if (h == nullptr) continue;
-    if (!CheckMissing(h) && h->magic == kCheckHandleMagic && h->cache == c) {
+    if (!CheckMissing(h) && h->magic == kHandleMagic && h->cache == c) {
       continue;
     }
     if (traceId != 0) {
@@ -823,58 +786,39 @@ int CACache::CheckCache(unsigned int traceId) {
   return 0;
 }
 
-// Each frame is a node whose own fields have passed, with the next step due
-// for it. A child that is already on the path (a cycle, possible only with
+// WalkDepthFirst gives the recursive order: a node's fields on reaching it,
+// its left subtree, its left link, its right subtree, its right link, its
+// record. A child that is already on the path (a cycle, possible only with
 // damaged links) is reported as a bad link at once, since its subtree would
 // never end.
 int CACache::BTreeCheck(unsigned int traceId, BTree* node, CACache* cache) {
-  enum Step { kLeft, kLeftLink, kRightLink };
-  struct Frame {
-    BTree* node;
-    Step step;
-  };
-  if (CheckNodeFields(traceId, node, cache) != 0) return 1;
-  std::vector<Frame> stack;
   std::unordered_set<BTree*> onPath;
-  stack.push_back({node, kLeft});
-  onPath.insert(node);
-  while (!stack.empty()) {
-    Frame& frame = stack.back();
-    BTree* n = frame.node;
-    BTree* child = nullptr;
-    switch (frame.step) {
-      case kLeft:
-        frame.step = kLeftLink;
-        child = n->left;
-        break;
-      case kLeftLink:
-        if (n->left != nullptr &&
-            (n->left->parent != n || n->left->parentLink != &n->left)) {
-          CheckReportLink(traceId, n, n->left, cache);
-          return 1;
+  // The link from `n` through `link` (&n->left or &n->right), reported when
+  // the child does not point back.
+  auto badLink = [&](BTree* n, BTree** link) {
+    BTree* child = *link;
+    if (child == nullptr || (child->parent == n && child->parentLink == link))
+      return false;
+    CheckReportLink(traceId, n, child, cache);
+    return true;
+  };
+  const bool sound = WalkDepthFirst(
+      node,
+      [&](BTree* n, BTree* parent) {
+        if (parent != nullptr && onPath.count(n) != 0) {
+          CheckReportLink(traceId, parent, n, cache);
+          return false;
         }
-        frame.step = kRightLink;
-        child = n->right;
-        break;
-      case kRightLink:
-        if (n->right != nullptr &&
-            (n->right->parent != n || n->right->parentLink != &n->right)) {
-          CheckReportLink(traceId, n, n->right, cache);
-          return 1;
-        }
-        if (CheckRecord(traceId, n, cache) != 0) return 1;
+        if (CheckNodeFields(traceId, n, cache) != 0) return false;
+        onPath.insert(n);
+        return true;
+      },
+      [&](BTree* n) { return !badLink(n, &n->left); },
+      [&](BTree* n) {
+        if (badLink(n, &n->right) || CheckRecord(traceId, n, cache) != 0)
+          return false;
         onPath.erase(n);
-        stack.pop_back();
-        continue;
-    }
-    if (child == nullptr) continue;
-    if (onPath.count(child) != 0) {
-      CheckReportLink(traceId, n, child, cache);
-      return 1;
-    }
-    if (CheckNodeFields(traceId, child, cache) != 0) return 1;
-    stack.push_back({child, kLeft});  // invalidates `frame`
-    onPath.insert(child);
-  }
-  return 0;
+        return true;
+      });
+  return sound ? 0 : 1;
 }

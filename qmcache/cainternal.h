@@ -4,67 +4,94 @@
 #ifndef QMCACHE_CAINTERNAL_H
 #define QMCACHE_CAINTERNAL_H
 
+#include <string.h>
 #include <time.h>
 
 #include <unordered_set>
 #include <vector>
 
-#include "keyindex.h"
-#include "nodearena.h"
+#include "caconst.h"
+#include "castate.h"
+#include "prefetch.h"
 #include "qmcache/qmcache.hpp"
 
-// The node after `n` in a pre-order walk (node, left subtree, right
-// subtree) of the subtree rooted at `top`, or null after its last node. It
-// moves along child and parent links only, so a chain-shaped tree of any
-// length needs no stack; the walk never climbs above `top`.
-inline BTree* PreorderNext(BTree* n, const BTree* top) {
-  if (n->left != nullptr) return n->left;
-  if (n->right != nullptr) return n->right;
-  // A leaf: climb to the nearest ancestor whose right subtree is still to
-  // be visited, coming up from its left side.
+// The one depth-first walk of a subtree (besides BTreeNumerator and
+// WalkInOrder). It follows child links only, never `parent` or the heights,
+// so a damaged tree cannot lead it astray, and keeps its way back on the
+// heap, so a chain-shaped tree of any length needs no deep stack. For every
+// node n it calls, in this order:
+//   enter(n, parent)  on reaching n (parent null at `top`): pre-order;
+//   between(n)        once n's left subtree is done, before its right one;
+//   leave(n)          once both subtrees are done: post-order.
+// Each returns false to end the walk at once, which then returns false. A
+// node's child links are read just before its subtree is entered, so leave
+// may delete the node; the walk touches it no more. A leaf at `top` costs
+// no allocation.
+template <class Enter, class Between, class Leave>
+bool WalkDepthFirst(BTree* top, Enter enter, Between between, Leave leave) {
+  if (top == nullptr) return true;
+  if (!enter(top, nullptr)) return false;
+  enum Step { kLeft, kRight, kLeave };
+  struct Frame {
+    BTree* node;
+    Step next;
+  };
+  std::vector<Frame> path;
+  BTree* n = top;
+  Step step = kLeft;
   for (;;) {
-    if (n == top) return nullptr;
-    BTree* p = n->parent;
-    if (p == nullptr) return nullptr;
-    if (p->left == n && p->right != nullptr) return p->right;
-    n = p;
+    BTree* child = nullptr;
+    if (step == kLeft) {
+      child = n->left;
+      step = kRight;
+    } else if (step == kRight) {
+      if (!between(n)) return false;
+      child = n->right;
+      step = kLeave;
+    } else {
+      if (!leave(n)) return false;
+      if (path.empty()) return true;
+      n = path.back().node;
+      step = path.back().next;
+      path.pop_back();
+      continue;
+    }
+    if (child == nullptr) continue;
+    if (!enter(child, n)) return false;
+    path.push_back({n, step});
+    n = child;
+    step = kLeft;
   }
 }
 
-// ---- A cache's private state ------------------------------------------------
-//
-// A cache keeps some state of its own beside its exported fields. It hangs in
-// front of the cache's handle table: the table's heap block starts with a
-// pointer to the state, and `actions` points just past it, so the exported
-// layout of CACache stays as it is and every cache has a state, however it
-// was constructed. Everything in it is touched only by calls on that cache,
-// which the host serialises, so none of it needs a lock.
+// The pre-order (node, left subtree, right subtree) of WalkDepthFirst:
+// `visit(node)` for every node of the subtree.
+template <class Visit>
+void WalkPreorder(BTree* top, Visit visit) {
+  auto none = [](BTree*) { return true; };
+  WalkDepthFirst(
+      top,
+      [&](BTree* n, BTree*) {
+        visit(n);
+        return true;
+      },
+      none, none);
+}
 
-// The cache's last eviction pass, when it found no candidate: a pass in the
-// same second under the same budget finds none either, as long as `valid`
-// stays set. Whatever could make a record a candidate clears it: a record
-// stored or released (NoteCandidate tells), a handle closed.
-struct QuietPass {
-  bool valid = false;
-  time_t when = 0;
-  unsigned int budget = 0;
-};
-
-// The state itself.
-struct CacheState {
-  // Records that left the tree while held and are still alive. A destroyed
-  // cache clears their `cache`, so their last release touches no dead cache.
-  std::unordered_set<CARecord*> detachedHeld;
-  // Every node of the record tree by its key.
-  KeyIndex index;
-  // The record tree's nodes.
-  NodeArena nodes;
-  QuietPass quietPass;
-};
-
-// Clears the cache's quiet pass if `record` (just stored or released) would
-// be a candidate of it.
-void NoteCandidate(CACache* cache, const CARecord* record);
+// What both node constructors set: a leaf under `parent` whose key bytes
+// will be at `store`. The serial is taken before the key is allocated.
+inline void MakeLeaf(BTree* n, unsigned char* store, unsigned long keyLength,
+                     BTree* parent, BTree** parentLink) {
+  memcpy(n->magic, kNodeMagic, sizeof(n->magic));
+  n->keyLength = keyLength;
+  n->serial = BTree::cnt++;
+  n->payload = nullptr;
+  n->key = store;
+  n->parent = parent;
+  n->parentLink = parentLink;
+  n->left = n->right = nullptr;
+  n->leftHeight = n->rightHeight = 0;
+}
 
 // BTree::Insert for a record tree: a new node comes from `arena`.
 BTree* InsertNode(BTree* root, unsigned char* key, unsigned long keyLength,
@@ -75,17 +102,6 @@ BTree* InsertNode(BTree* root, unsigned char* key, unsigned long keyLength,
 // against the tree's own descent.
 BTree* FindNode(CACache* cache, const unsigned char* key,
                 unsigned long keyLength);
-
-inline CacheState* StateOf(const CACache* cache) {
-  return reinterpret_cast<CacheState* const*>(cache->actions)[-1];
-}
-
-// The handle table: `slots` null handles behind a new state.
-CACacheAction** NewActionTable(int slots);
-// The same table with `slots` more null slots at its end (same state).
-CACacheAction** GrowActionTable(CACacheAction** table, int oldSlots, int slots);
-// Frees the table and its state.
-void FreeActionTable(CACacheAction** table);
 
 // A record for a cache: its data lies behind it in the same heap block when
 // such a block can be had. Every record the library makes comes from here,
@@ -116,7 +132,7 @@ void WalkInOrder(BTree* root, std::vector<BTree*>& stack, Visit visit) {
   BTree* n = root;
   for (;;) {
     while (n != nullptr) {
-      __builtin_prefetch(n->right);
+      Prefetch(n->right);
       stack.push_back(n);
       n = n->left;
     }

@@ -6,6 +6,7 @@
 #include <string.h>
 #include <time.h>
 
+#include "caconst.h"
 #include "cainternal.h"
 #include "qmcache/qmcache.hpp"
 
@@ -36,7 +37,7 @@ namespace {
 // Calls that work without an explicit CA_INIT start the library in
 // single-threaded mode.
 void InitOnDemand() {
-  if (!inited && !tearingDown) CA_INIT(1);
+  if (!inited && !tearingDown) CA_INIT(kOnDemandMode);
 }
 
 void ReplaceController(int singleThreaded) {
@@ -87,7 +88,7 @@ Trace::~Trace() {
 // preferable to two writers interleaving in one file.
 void Trace::Write(char const* format, ...) {
   if (file == nullptr) return;
-  if (lock.Enter(1000) != 1) return;
+  if (lock.Enter(kTraceLockTimeout) != 1) return;
 
   char timeText[kTimeTextSize];
   time_t now = time(nullptr);
@@ -134,7 +135,7 @@ extern "C" {
 int CA_INIT(int singleThreaded) {
   if (tearingDown) return 1;
   if (!inited) {
-    if (MainStat == nullptr) MainStat = new CAStatistic(8);
+    if (MainStat == nullptr) MainStat = new CAStatistic(kStatSlots);
     if (cafree == nullptr) cafree = new CAFree(singleThreaded);
     inited = 1;
     return 1;
@@ -186,12 +187,12 @@ int CA_GETSTAT(void* handle, int slot, _CAStat* out) {
   if (trace != nullptr) trace->Write("CACACHE Status returned");
 
   if (handle == nullptr && MainStat != nullptr) {
-    MainStat->Get(slot, out, 1);
+    MainStat->Get(slot, out, kStatGetMode);
     return 1;
   }
   CACacheAction* action = CACacheAction::GetAction(handle);
   if (action != nullptr && action->cache != nullptr) {
-    action->cache->stats.Get(slot, out, 1);
+    action->cache->stats.Get(slot, out, kStatGetMode);
     return 1;
   }
   memset(out, 0, sizeof *out);

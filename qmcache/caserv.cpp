@@ -23,6 +23,7 @@
 
 #include <cassert>
 
+#include "caconst.h"
 #include "qmcache/qmcache.hpp"
 
 // ---- Private types ---------------------------------------------------------
@@ -43,8 +44,6 @@ struct CAMutexCore {
 };
 
 namespace {
-
-const char kMemMagic[4] = {'%', '%', 'C', 'M'};
 
 // CAThread::runState while Stop is cancelling the thread. TP, when its
 // Procedure returns, claims 0 -> kFinished; Stop claims 0 -> kCancelling;

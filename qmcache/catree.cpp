@@ -21,10 +21,12 @@
 
 #include <cassert>
 #include <new>
-#include <utility>
 #include <vector>
 
+#include "caconst.h"
 #include "cainternal.h"
+#include "keyorder.h"
+#include "prefetch.h"
 #include "qmcache/qmcache.hpp"
 
 // Advanced with a plain increment: only `serial` is derived from it and
@@ -35,45 +37,7 @@ unsigned int BTree::cnt = 0;
 
 namespace {
 
-// Flag bits that ClearAttr removes from every record: CAREC_PINNED and
-// CAREC_EXPIRES.
-constexpr int kClearAttrMask = static_cast<int>(0xF3FFFFFFu);
-
 unsigned long Max(unsigned long a, unsigned long b) { return a > b ? a : b; }
-
-// memcmp over `n` bytes that tolerates null pointers when n is 0.
-int CompareBytes(const unsigned char* a, const unsigned char* b,
-                 unsigned long n) {
-  return n == 0 ? 0 : memcmp(a, b, n);
-}
-
-// The sign of Compare (node key `a` of length n against the given key `b`
-// of length m), inlined into Search and Insert: it compares eight bytes at a
-// time as big-endian words, which gives the same order as memcmp, and saves
-// the two calls per tree level that dominate a lookup.
-inline int KeyOrder(const unsigned char* a, unsigned long n,
-                    const unsigned char* b, unsigned long m) {
-  unsigned long common = n < m ? n : m;
-  unsigned long i = 0;
-  for (; i + 8 <= common; i += 8) {
-    uint64_t x, y;
-    memcpy(&x, a + i, 8);
-    memcpy(&y, b + i, 8);
-    if (x != y) return __builtin_bswap64(x) < __builtin_bswap64(y) ? -1 : 1;
-  }
-  if (i + 4 <= common) {
-    uint32_t x, y;
-    memcpy(&x, a + i, 4);
-    memcpy(&y, b + i, 4);
-    if (x != y) return __builtin_bswap32(x) < __builtin_bswap32(y) ? -1 : 1;
-    i += 4;
-  }
-  for (; i < common; i++) {
-    if (a[i] != b[i]) return a[i] < b[i] ? -1 : 1;
-  }
-  if (n == m) return 0;
-  return n < m ? 1 : -1;  // the shorter key, a prefix, sorts after
-}
 
 // Rotates right at `p`, whose left child is `n`: n takes p's place (through
 // p's parentLink, which rewrites the root holder at the root), n's right
@@ -175,23 +139,6 @@ void CheckNode(BTree* n) {
 
 // ==== Nodes =================================================================
 
-namespace {
-// What both constructors set: a leaf under `parent` whose key bytes will be
-// at `store`. The serial is taken before the key is allocated.
-void MakeLeaf(BTree* n, unsigned char* store, unsigned long keyLength,
-              BTree* parent, BTree** parentLink) {
-  memcpy(n->magic, "%%BT", sizeof(n->magic));
-  n->keyLength = keyLength;
-  n->serial = BTree::cnt++;
-  n->payload = nullptr;
-  n->key = store;
-  n->parent = parent;
-  n->parentLink = parentLink;
-  n->left = n->right = nullptr;
-  n->leftHeight = n->rightHeight = 0;
-}
-}  // namespace
-
 // A key copy that cannot be allocated throws std::bad_alloc, as the node's
 // own allocation would: `new BTree(...)` then releases the node again and
 // BTree::Insert leaves the tree unchanged (it has already set `existed`).
@@ -203,44 +150,27 @@ BTree::BTree(unsigned char* key, unsigned long keyLength, BTree* parent,
   if (keyLength != 0) memcpy(this->key, key, keyLength);
 }
 
-// Destroys the subtree without recursion: it descends into the left, else
-// the right child, unhooking that child from its parent on the way down and
-// recording the way back in the child's `parent` field (the stored value is
-// not trusted, and the node is doomed anyway). A node whose children are
-// gone is deleted, and its own destructor then has nothing below it.
+// Destroys the subtree without recursion (WalkDepthFirst), each node once
+// both of its subtrees are gone: unhooked from its children first, its own
+// destructor then has nothing below it.
 BTree::~BTree() {
-  BTree* n = this;
-  for (;;) {
-    BTree* child;
-    if (n->left != nullptr) {
-      child = n->left;
-      n->left = nullptr;
-    } else if (n->right != nullptr) {
-      child = n->right;
-      n->right = nullptr;
-    } else {
-      if (n == this) break;
-      BTree* back = n->parent;
-      delete n;
-      n = back;
-      continue;
-    }
-    child->parent = n;
-    n = child;
-  }
+  auto more = [](BTree*) { return true; };
+  WalkDepthFirst(
+      this, [](BTree*, BTree*) { return true; }, more,
+      [this](BTree* n) {
+        if (n != this) {
+          n->left = nullptr;
+          n->right = nullptr;
+          delete n;
+        }
+        return true;
+      });
   if (key != nullptr) free(key);
 }
 
 int BTree::Compare(unsigned char* key, unsigned long keyLength) {
-  unsigned long n = this->keyLength;
-  if (n == keyLength) return CompareBytes(this->key, key, n);
-  if (n < keyLength) {
-    // This key is shorter: as a prefix of the given one it sorts after it.
-    int r = CompareBytes(this->key, key, n);
-    return r != 0 ? r : 1;
-  }
-  int r = CompareBytes(this->key, key, keyLength);
-  return r != 0 ? r : -1;
+  return OrderKeys(this->key, this->keyLength, key, keyLength,
+                   keyorder::Memcmp);
 }
 
 BTree* BTree::Search(unsigned char* key, unsigned long keyLength) {
@@ -248,8 +178,8 @@ BTree* BTree::Search(unsigned char* key, unsigned long keyLength) {
   while (n != nullptr) {
     // Both children are fetched while this key is compared: a lookup in a
     // large tree is bound by the memory latency of each level.
-    __builtin_prefetch(n->left);
-    __builtin_prefetch(n->right);
+    Prefetch(n->left);
+    Prefetch(n->right);
     int c = KeyOrder(n->key, n->keyLength, key, keyLength);
     if (c == 0) return n;
     n = c > 0 ? n->left : n->right;
@@ -270,8 +200,7 @@ BTree* InsertWith(BTree* n, unsigned char* key, unsigned long keyLength,
     // bound by the memory latency of each level.
     for (BTree* child : {n->left, n->right}) {
       if (child == nullptr) continue;
-      __builtin_prefetch(child);
-      __builtin_prefetch(reinterpret_cast<char*>(child) + 64);
+      Prefetch(child, 2);
     }
     int c = KeyOrder(n->key, n->keyLength, key, keyLength);
     if (c == 0) {
@@ -309,60 +238,6 @@ BTree* InsertNode(BTree* root, unsigned char* key, unsigned long keyLength,
       });
 }
 
-// ==== Nodes of the library's record trees ===================================
-
-BTree::BTree(KeyBehind, unsigned char* key, unsigned long keyLength,
-             BTree* parent, BTree** parentLink) {
-  MakeLeaf(this, reinterpret_cast<unsigned char*>(this + 1), keyLength, parent,
-           parentLink);
-  if (keyLength != 0) memcpy(this->key, key, keyLength);
-}
-
-namespace {
-// Chunks double up to this size.
-constexpr size_t kLargestChunk = 1 << 20;
-size_t RoundUp8(size_t n) { return (n + 7) & ~size_t{7}; }
-}  // namespace
-
-BTree* NodeArena::Make(unsigned char* key, unsigned long keyLength,
-                       BTree* parent, BTree** parentLink) {
-  const size_t block = RoundUp8(sizeof(BTree) + keyLength);
-  if (block > left_) {
-    const size_t head = RoundUp8(sizeof(Chunk));
-    size_t size = nextChunk_;
-    while (size < head + block) size *= 2;
-    auto* chunk = static_cast<Chunk*>(malloc(size));
-    if (chunk == nullptr) throw std::bad_alloc();
-    chunk->next = chunks_;
-    chunks_ = chunk;
-    free_ = reinterpret_cast<unsigned char*>(chunk) + head;
-    left_ = size - head;
-    if (nextChunk_ < kLargestChunk) nextChunk_ *= 2;
-  }
-  void* at = free_;
-  free_ += block;
-  left_ -= block;
-  return new (at) BTree(BTree::KeyBehind(), key, keyLength, parent, parentLink);
-}
-
-void NodeArena::Release() {
-  while (chunks_ != nullptr) {
-    Chunk* next = chunks_->next;
-    free(chunks_);
-    chunks_ = next;
-  }
-  free_ = nullptr;
-  left_ = 0;
-  nextChunk_ = kFirstChunk;
-}
-
-void NodeArena::Swap(NodeArena& other) {
-  std::swap(chunks_, other.chunks_);
-  std::swap(free_, other.free_);
-  std::swap(left_, other.left_);
-  std::swap(nextChunk_, other.nextChunk_);
-}
-
 // Climbs from a newly linked node while the subtree it is in grows, and
 // rotates once where a single rotation makes the subtree strictly lower;
 // the rotated subtree is then as high as before the insertion, so nothing
@@ -394,38 +269,27 @@ void BTree::ReOrg() {
   }
 }
 
-// A pre-order walk over the parent pointers: no stack, whatever the
-// tree's height. Empty nodes are passed over, not their subtrees.
+// Pre-order (WalkPreorder). Empty nodes are passed over, not their
+// subtrees.
 void BTree::ClearAttr() {
-  for (BTree* n = this; n != nullptr; n = PreorderNext(n, this)) {
+  WalkPreorder(this, [](BTree* n) {
     if (n->payload != nullptr) {
       static_cast<CARecord*>(n->payload)->flags &= kClearAttrMask;
     }
-  }
+  });
 }
 
 // ==== Self-check ============================================================
 
-// Pre-order (node, left subtree, right subtree) with an explicit stack of
-// right subtrees still to be visited. The walk follows only the child
-// links, so damaged parent links and heights, which are what it reports,
-// cannot lead it astray; its depth costs heap, not stack.
+// Pre-order (WalkPreorder). The walk follows only the child links, so
+// damaged parent links and heights, which are what it reports, cannot lead
+// it astray.
 int BTree::CheckTree() {
-  std::vector<BTree*> pending;
   int count = 0;
-  BTree* n = this;
-  for (;;) {
-    if (n == nullptr) {
-      if (pending.empty()) break;
-      n = pending.back();
-      pending.pop_back();
-      continue;
-    }
+  WalkPreorder(this, [&count](BTree* n) {
     count++;
     CheckNode(n);
-    if (n->right != nullptr) pending.push_back(n->right);
-    n = n->left;
-  }
+  });
   return count;
 }
 

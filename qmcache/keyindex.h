@@ -22,6 +22,9 @@
 
 #include <new>
 
+#include "caconst.h"
+#include "keyorder.h"
+#include "prefetch.h"
 #include "qmcache/qmcache.hpp"
 
 class KeyIndex {
@@ -41,9 +44,7 @@ class KeyIndex {
       if (slot == 0) return nullptr;
       if ((slot & kTagMask) == tag) {
         BTree* node = NodeIn(slot);
-        if (node->keyLength == keyLength &&
-            SameBytes(node->key, key, keyLength))
-          return node;
+        if (SameKey(node->key, node->keyLength, key, keyLength)) return node;
       }
     }
   }
@@ -64,7 +65,7 @@ class KeyIndex {
 
   // Adds `n` nodes (at most kBatch) whose keys the index does not hold yet:
   // their slots are fetched together before any is filled.
-  static constexpr size_t kBatch = 1000;
+  static constexpr size_t kBatch = kRebuildBatch;
   void AddAll(BTree* const* nodes, size_t n) {
     for (size_t i = 0; i < n; i++) usable_ &= !(Address(nodes[i]) & kTagMask);
     if (!usable_ || n == 0) return;
@@ -72,7 +73,7 @@ class KeyIndex {
     uint64_t hashes[kBatch];
     for (size_t i = 0; i < n; i++) {
       hashes[i] = Hash(nodes[i]->key, nodes[i]->keyLength);
-      __builtin_prefetch(&slots_[hashes[i] & mask_], 1);
+      Prefetch(&slots_[hashes[i] & mask_], 1, true);
     }
     for (size_t i = 0; i < n; i++) Place(nodes[i], hashes[i]);
     count_ += n;
@@ -104,30 +105,8 @@ class KeyIndex {
     return reinterpret_cast<BTree*>(static_cast<uintptr_t>(slot & ~kTagMask));
   }
 
-  static uint64_t Load64(const unsigned char* p) {
-    uint64_t v;
-    memcpy(&v, p, 8);
-    return v;
-  }
-  static uint64_t Load32(const unsigned char* p) {
-    uint32_t v;
-    memcpy(&v, p, 4);
-    return v;
-  }
-  // memcmp(a, b, n) == 0, without a call for keys of up to 16 bytes.
-  static bool SameBytes(const unsigned char* a, const unsigned char* b,
-                        unsigned long n) {
-    if (n > 16) return memcmp(a, b, n) == 0;
-    if (n >= 8)
-      return ((Load64(a) ^ Load64(b)) |
-              (Load64(a + n - 8) ^ Load64(b + n - 8))) == 0;
-    if (n >= 4)
-      return ((Load32(a) ^ Load32(b)) |
-              (Load32(a + n - 4) ^ Load32(b + n - 4))) == 0;
-    for (unsigned long i = 0; i < n; i++)
-      if (a[i] != b[i]) return false;
-    return true;
-  }
+  static uint64_t Load64(const unsigned char* p) { return keyorder::Load64(p); }
+  static uint64_t Load32(const unsigned char* p) { return keyorder::Load32(p); }
   static uint64_t Mix(uint64_t a, uint64_t b) {
     const __uint128_t r = static_cast<__uint128_t>(a) * b;
     return static_cast<uint64_t>(r) ^ static_cast<uint64_t>(r >> 64);
