@@ -5,12 +5,15 @@
 // front of the cache's handle table: the table's heap block starts with a
 // pointer to the state, and `actions` points just past it, so the exported
 // layout of CACache stays as it is and every cache has a state, however it
-// was constructed. The table functions below (castate.cpp) are the state's
+// was constructed. The table functions below are the state's
 // only owner: they make it with the table and free it with the table.
 // StateOf is the only way to it. Everything in it is touched only by calls
 // on that cache, which the host serialises, so none of it needs a lock.
 #ifndef QMCACHE_CASTATE_H
 #define QMCACHE_CASTATE_H
+
+#include <stdlib.h>
+#include <string.h>
 
 #include <unordered_set>
 
@@ -37,11 +40,29 @@ inline CacheState* StateOf(const CACache* cache) {
 }
 
 // The handle table: `slots` null handles behind a new state.
-CACacheAction** NewActionTable(int slots);
+inline CACacheAction** NewActionTable(int slots) {
+  void** block = static_cast<void**>(calloc(slots + 1, sizeof(void*)));
+  block[0] = new CacheState();
+  return reinterpret_cast<CACacheAction**>(block + 1);
+}
+
 // The same table with `slots` more null slots at its end (same state).
-CACacheAction** GrowActionTable(CACacheAction** table, int oldSlots, int slots);
+inline CACacheAction** GrowActionTable(CACacheAction** table, int oldSlots,
+                                       int slots) {
+  void** block = reinterpret_cast<void**>(table) - 1;
+  block = static_cast<void**>(
+      realloc(block, (oldSlots + slots + 1) * sizeof(void*)));
+  memset(block + 1 + oldSlots, 0, slots * sizeof(void*));
+  return reinterpret_cast<CACacheAction**>(block + 1);
+}
+
 // Frees the table and its state.
-void FreeActionTable(CACacheAction** table);
+inline void FreeActionTable(CACacheAction** table) {
+  if (table == nullptr) return;
+  void** block = reinterpret_cast<void**>(table) - 1;
+  delete static_cast<CacheState*>(block[0]);
+  free(block);
+}
 
 // The quiet pass's hook (see quietpass.h for who calls it): `record` of
 // `cache` may have become a candidate; null when anything may have.

@@ -150,6 +150,15 @@ BTree::BTree(unsigned char* key, unsigned long keyLength, BTree* parent,
   if (keyLength != 0) memcpy(this->key, key, keyLength);
 }
 
+// A record tree's node, made by its arena (nodearena.h): the key copy lies
+// right behind the node in the same block.
+BTree::BTree(KeyBehind, unsigned char* key, unsigned long keyLength,
+             BTree* parent, BTree** parentLink) {
+  MakeLeaf(this, reinterpret_cast<unsigned char*>(this + 1), keyLength, parent,
+           parentLink);
+  if (keyLength != 0) memcpy(this->key, key, keyLength);
+}
+
 // Destroys the subtree without recursion (WalkDepthFirst), each node once
 // both of its subtrees are gone: unhooked from its children first, its own
 // destructor then has nothing below it.

@@ -14,6 +14,10 @@
 #define QMCACHE_NODEARENA_H
 
 #include <stddef.h>
+#include <stdlib.h>
+
+#include <new>
+#include <utility>
 
 #include "qmcache/qmcache.hpp"
 
@@ -27,18 +31,60 @@ class NodeArena {
   // A new, unlinked node with its own copy of the key, as the BTree
   // constructor makes it (serial, magic, links and heights).
   BTree* Make(unsigned char* key, unsigned long keyLength, BTree* parent,
-              BTree** parentLink);
+              BTree** parentLink) {
+    const size_t block = RoundUp8(sizeof(BTree) + keyLength);
+    if (block > left_) NewChunk(block);
+    void* at = free_;
+    free_ += block;
+    left_ -= block;
+    return new (at)
+        BTree(BTree::KeyBehind(), key, keyLength, parent, parentLink);
+  }
+
   // Frees every node made here at once (no destructor runs: a node owns
   // nothing beyond its block).
-  void Release();
-  void Swap(NodeArena& other);
+  void Release() {
+    while (chunks_ != nullptr) {
+      Chunk* next = chunks_->next;
+      free(chunks_);
+      chunks_ = next;
+    }
+    free_ = nullptr;
+    left_ = 0;
+    nextChunk_ = kFirstChunk;
+  }
+
+  void Swap(NodeArena& other) {
+    std::swap(chunks_, other.chunks_);
+    std::swap(free_, other.free_);
+    std::swap(left_, other.left_);
+    std::swap(nextChunk_, other.nextChunk_);
+  }
 
  private:
   struct Chunk {
     Chunk* next;
   };
-  // The first chunk's size; later ones double.
+  // The first chunk's size; later ones double up to the largest.
   static constexpr size_t kFirstChunk = 4096;
+  static constexpr size_t kLargestChunk = 1 << 20;
+
+  static size_t RoundUp8(size_t n) { return (n + 7) & ~size_t{7}; }
+
+  // A chunk with room for `block` bytes becomes the newest.
+  void NewChunk(size_t block) {
+    const size_t head = RoundUp8(sizeof(Chunk));
+    size_t size = nextChunk_;
+    while (size < head + block) size *= 2;
+    auto* chunk = static_cast<Chunk*>(malloc(size));
+    if (chunk == nullptr) throw std::bad_alloc();
+    chunk->next = chunks_;
+    chunks_ = chunk;
+    free_ = reinterpret_cast<unsigned char*>(chunk) + head;
+    left_ = size - head;
+    if (nextChunk_ < kLargestChunk) nextChunk_ *= 2;
+  }
+
   Chunk* chunks_ = nullptr;
   unsigned char* free_ = nullptr;  // the unused rest of the newest chunk
   size_t left_ = 0;
