@@ -68,10 +68,8 @@ struct Options {
   Workload workload = Workload::kHit;
   size_t records = 1000000;  // N
   size_t ops = 0;            // per thread (0: N, or 2N when evicting)
-  double zipf = 0.99;
-  int threads = 1;       // hit, miss and mixed only
-  bool latency = false;  // time every operation
-  double timeLimit = 0;  // seconds for the measured loop (0: none)
+  int threads = 1;           // hit, miss and mixed only
+  bool latency = false;      // time every operation
 };
 
 // What a contender is to hold.
@@ -86,7 +84,6 @@ struct Result {
   size_t records = 0, keys = 0, budget = 0, ops = 0;
   int threads = 1;
   size_t opsDone = 0, lookups = 0, hits = 0, inserts = 0;
-  bool truncated = false;
   double wallSeconds = 0, cpuSeconds = 0;
   bool haveMemory = false;
   size_t heapBefore = 0, heapEmpty = 0, heapAfter = 0;
@@ -200,11 +197,10 @@ struct Plan {
 };
 Plan MakePlan(const Options& o, const Sizes& s);
 
-// What one thread did.
-struct Counts {
+// What one thread did (a cache line of its own: threads do not share one).
+struct alignas(64) Counts {
   size_t done = 0, lookups = 0, hits = 0, inserts = 0, failed = 0, bad = 0;
   size_t peak = 0;
-  bool truncated = false;
   uint64_t sink = 0;
   void Add(const Counts& o) {
     done += o.done;
@@ -214,7 +210,6 @@ struct Counts {
     failed += o.failed;
     bad += o.bad;
     peak = std::max(peak, o.peak);
-    truncated = truncated || o.truncated;
   }
 };
 
@@ -254,7 +249,6 @@ void RunWorkload(const Options& o, Result* r) {
     unsigned char value[kValueSize], out[kValueSize];
     const std::vector<Key>& keys = plan.stream;
     size_t j = static_cast<size_t>(t) * keys.size() / o.threads;
-    const double start = Now();
     auto lookup = [&](const Key& k) {
       n->lookups++;
       if (!c->Lookup(k, out)) return false;
@@ -268,10 +262,6 @@ void RunWorkload(const Options& o, Result* r) {
       n->failed += !c->Insert(k, value);
     };
     for (size_t i = 0; i < s.ops; i++) {
-      if ((i & 1023) == 0 && o.timeLimit > 0 && Now() - start > o.timeLimit) {
-        n->truncated = true;
-        break;
-      }
       const Key& k = keys[j];
       if (++j == keys.size()) j = 0;
       const uint64_t t0 = o.latency ? Tick() : 0;
@@ -326,7 +316,6 @@ void RunWorkload(const Options& o, Result* r) {
   r->lookups = n.lookups;
   r->hits = n.hits;
   r->inserts = n.inserts;
-  r->truncated = n.truncated;
   r->finalRecords = c->Records();
   r->peakRecords = std::max({n.peak, r->finalRecords, plan.fill.size()});
   if (w == Workload::kInsert) {

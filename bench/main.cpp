@@ -20,8 +20,7 @@ void Usage(FILE* f) {
   fprintf(
       f,
       "usage: qmcache_bench --contender NAME --workload NAME [--records N]\n"
-      "         [--ops N] [--threads T] [--zipf S] [--latency]\n"
-      "         [--time-limit SECONDS]\n"
+      "         [--ops N] [--threads T] [--latency]\n"
       "       qmcache_bench --workload pass|rebuild|fixed [--records N]\n"
       "       qmcache_bench --list\n"
       "\n"
@@ -30,17 +29,16 @@ void Usage(FILE* f) {
       "  miss         fill N records, look up absent keys\n"
       "  mixed        as hit, every tenth operation replaces the record\n"
       "  insert       insert N new keys; the budget is never reached\n"
-      "  readthrough  Zipf over N keys, budget N/10 records, 2N ops:\n"
+      "  readthrough  Zipf 0.99 over N keys, budget N/10 records, 2N ops:\n"
       "               look up, insert on a miss\n"
       "  churn        as readthrough over N/10 keys, budget N/100\n"
       "  pass, rebuild, fixed   libqmcache's own costs (own.cpp)\n"
       "--records N    N above (default 1000000; 1e6 is accepted)\n"
-      "--ops N        operations per thread of hit, miss and mixed\n"
-      "               (default N; the keys are cycled)\n"
+      "--ops N        operations per thread (default N, cycling the keys;\n"
+      "               readthrough and churn 2N; insert always N)\n"
       "--threads T    hit, miss and mixed from T threads on one cache\n"
       "--latency      time every operation (rdtsc) and report\n"
       "               percentiles; throughput is then not meaningful\n"
-      "--time-limit   stop the measured loop after this many seconds\n"
       "exit status: 0 ok, 1 usage, 2 a check failed, 3 contender not\n"
       "built or workload not applicable\n");
 }
@@ -82,7 +80,6 @@ void PrintJson(const Result& r) {
                            {"final_records", r.finalRecords}})
       num(name, static_cast<double>(v));
     num("threads", r.threads);
-    field("truncated", r.truncated ? "true" : "false");
     num("wall_s", r.wallSeconds);
     num("cpu_s", r.cpuSeconds);
   } else {
@@ -137,10 +134,6 @@ int Main(int argc, char** argv) {
       o.ops = count;
     } else if (ok && strcmp(a, "--threads") == 0 && ParseCount(v, &count)) {
       o.threads = static_cast<int>(std::min<size_t>(count, 64));
-    } else if (ok && strcmp(a, "--zipf") == 0) {
-      o.zipf = atof(v);
-    } else if (ok && strcmp(a, "--time-limit") == 0) {
-      o.timeLimit = atof(v);
     } else {
       Usage(strcmp(a, "--help") == 0 ? stdout : stderr);
       return strcmp(a, "--help") == 0 ? 0 : kExitUsage;
