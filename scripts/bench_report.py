@@ -96,7 +96,7 @@ def run_all(bench, quick):
     n, runs = plan(quick)
     started, load_before = time.time(), os.getloadavg()
     done = {k: [] for k, _, _ in runs}
-    status = {}
+    status, loads = {}, []
     for rep in range(max(r for _, _, r in runs)):
         for k, args, repeat in runs:
             if rep >= repeat or status.get(k, "ok") != "ok":
@@ -113,6 +113,7 @@ def run_all(bench, quick):
                          "failed" if p.returncode == 2 else "ok")
             if r:
                 done[k].append(r)
+            loads.append(os.getloadavg()[0])
             ns = per_op_ns(r)
             print("%-34s %-11s %s" % (k, status[k], "%.1f ns/op" % ns if ns
                                       else p.stderr.strip()[-200:]),
@@ -138,6 +139,7 @@ def run_all(bench, quick):
         "date": datetime.datetime.now().astimezone().isoformat(
             timespec="seconds"),
         "load_before": load_before, "load_after": os.getloadavg(),
+        "load_1min": [min(loads), max(loads)],
         "elapsed_s": time.time() - started}, "results": results}
 
 
@@ -441,7 +443,9 @@ def markdown(data, note):
             meta["date"], meta["commit"], fmt_count(m.n),
             " (quick run)" if meta["quick"] else "", meta["elapsed_s"]),
         "- Machine: %s" % meta["machine"],
-        "- Load average: %s before the run, %s after" % tuple(loads)] +
+        "- Load average: %s before the run, %s after; the 1-minute load "
+        "average was %.2f to %.2f while it ran" % (
+            tuple(loads) + tuple(meta.get("load_1min", (0, 0))))] +
         (["- Note: " + note] if note else []) + [
         "", "Reproduce: `cmake --preset bench && cmake --build --preset bench "
         "&& scripts/bench_report.py` (`--quick`: N = 10^5, one run each).", "",
