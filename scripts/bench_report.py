@@ -190,8 +190,9 @@ class Report:
     def ratio(self, w, other):
         a, b = self.ns("qmcache", w), self.ns(other, w)
         if not a or not b:
-            return None, "-"
-        return a / b, "%.2fx (%s vs %s)" % (a / b, fmt_ns(a), fmt_ns(b))
+            return None, "-"  # judged as shown, to two decimals
+        return round(a / b, 2), "%.2fx (%s vs %s)" % (a / b, fmt_ns(a),
+                                                      fmt_ns(b))
 
     def memory(self):
         r = self.get("qmcache", "insert")
@@ -448,7 +449,10 @@ def markdown(data, note):
             tuple(loads) + tuple(meta.get("load_1min", (0, 0))))] +
         (["- Note: " + note] if note else []) + [
         "", "Reproduce: `cmake --preset bench && cmake --build --preset bench "
-        "&& scripts/bench_report.py` (`--quick`: N = 10^5, one run each).", "",
+        "&& scripts/bench_report.py` (`--quick`: N = 10^5, one run of each, "
+        "under a minute). One measurement is, for example, "
+        "`qmcache_bench --contender rocksdb_lru --workload hit --records 1e6`"
+        ".", "",
         "## Goals", "",
         "Ratios are libqmcache's time per operation over the other's, in the "
         "same run (above 1: libqmcache is slower).", ""] + goals(m) + [
