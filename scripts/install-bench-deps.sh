@@ -1,8 +1,8 @@
 #!/bin/sh
 # SPDX-License-Identifier: MIT
-# Installs the libraries that the comparison benchmark (bench/compare)
-# measures libqmcache against: RocksDB's and LevelDB's block caches, from
-# Debian's packages. Run as root, or as a user who may sudo. Safe to run
+# Installs the libraries that the benchmark harness (bench/) measures
+# libqmcache against: RocksDB's and LevelDB's block caches, from Debian's
+# packages. Run as root, or as a user who may sudo. Safe to run
 # again: packages already present are left as they are.
 #
 #   scripts/install-bench-deps.sh [--check]
@@ -10,7 +10,7 @@
 # --check only reports what is missing (exit 1 when something is).
 set -eu
 
-PACKAGES="librocksdb-dev libleveldb-dev libbenchmark-dev"
+PACKAGES="librocksdb-dev libleveldb-dev"
 
 missing=""
 for p in $PACKAGES; do
