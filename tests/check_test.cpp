@@ -47,6 +47,13 @@ int Check() {
   return silent;
 }
 
+TEST(StructureCheckSwitch, IsOffUntilSwitchedOn) {
+  Open("c")->cache->magic[0] = '?';
+  EXPECT_EQ(CA_CHECKCACHE(1), 0);
+  EXPECT_EQ(CA_SETCHECK(1) + CA_CHECKCACHE(0), 2);
+  CA_DEINIT();
+}
+
 using StructureCheck = Fresh;
 
 TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {

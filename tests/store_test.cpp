@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // Caches, handles and records through the C interface: what each call
 // returns, what it changes, when records die and what bad input gets.
+#include <malloc.h>
 #include <string.h>
 
 #include "support.h"
@@ -19,6 +20,8 @@ TEST_F(Store, ACacheIsSharedByNameAndLivesWhileAHandleDoes) {
   CAParams p{0, 99, 99, 99, {}};
   void* a = CA_CREATE("c", &p);  // a new cache: the default budget, counters 0
   EXPECT_EQ(Counters(a), "1048576 0 0 0");
+  EXPECT_EQ(Counters(CA_CREATE("n", nullptr)), "1048576 0 0 0");  // read as 0
+  EXPECT_EQ(Counters(CA_CREATE("n", nullptr)), "0 0 0 0");
   Put(a, "k", "v", 10, CAREC_CALLBACK | CAREC_PINNED | CAREC_EXPIRES);
   p = CAParams{};  // re-opened with 0: a budget of 0, statistics emptied
   void* b = CA_CREATE("c", &p);
@@ -89,6 +92,9 @@ TEST_F(Store, AListIsThePreorderOfEveryRecordInTheTree) {
   CA_ERASE(h, list[1]);  // not held: destroyed at once
   EXPECT_EQ(released, (Lines{"2", "3"}));
   CA_LIST_FREE(h, list);
+  const size_t inUse = mallinfo2().uordblks;  // and a list freed is gone
+  for (int i = 0; i < 100; ++i) CA_LIST_FREE(h, CA_LIST(h, &count));
+  EXPECT_LT(mallinfo2().uordblks, inUse + 1000);  // 100 lists: 3200
 }
 
 TEST_F(Store, EveryOperationIsTimedInItsSlotAndTheLibraryStartsOnDemand) {
