@@ -74,8 +74,8 @@ TEST_F(Reclaim, GradeWeighsAgeHitsAndLengthWhileFlagsOverrule) {
   // Equal grades leave the sort in the order its partitions give.
   auto sorted = [](const std::vector<double>& g) {
     std::string order;
-    for (size_t i = 0; i < g.size(); ++i)
-      cafree->grades[i] = g[i], cafree->candidates[i] = (BTree*)i;
+    std::copy(g.begin(), g.end(), cafree->grades);
+    for (size_t i = 0; i < g.size(); ++i) cafree->candidates[i] = (BTree*)i;
     cafree->QuickSort(0, (int)g.size() - 1);
     for (size_t i = 0; i < g.size(); ++i)
       order += '0' + (char)(long)cafree->candidates[i];
@@ -103,7 +103,8 @@ TEST_F(Reclaim, APassErasesTheWorstGradedAboveTheMarkOnceBudgetIsPassed) {
   Put(h, "e", "v", 1);  // one byte above it, the old "c" goes
   EXPECT_EQ(Erased([&] { cafree->Compress(h); }), Ints{60});
   CACacheAction* s = Open("short", 1000);  // 100 to delete, 99 there: 0
-  PutAll(s, "a:60 b:39", 10), PutAll(s, "p:901:P");
+  PutAll(s, "a:60 b:39", 10);
+  PutAll(s, "p:901:P");
   EXPECT_EQ(cafree->Compress(s), 0);
   // The trigger fires one byte above the budget, not at it, and neither
   // while a pass runs nor without a controller.
@@ -111,9 +112,12 @@ TEST_F(Reclaim, APassErasesTheWorstGradedAboveTheMarkOnceBudgetIsPassed) {
   Put(t, "a", "v", 1048576);
   EXPECT_EQ(Count(t, CASTAT_EVICTION), 0);
   Put(t, "big", "v", 1);
-  cafree->busy = 1, Put(t, "c", "v", 1), cafree->busy = 0;
+  cafree->busy = 1;
+  Put(t, "c", "v", 1);
   CAFree* controller = std::exchange(cafree, nullptr);
-  Put(t, "d", "v", 1), cafree = controller;
+  Put(t, "d", "v", 1);
+  cafree = controller;
+  cafree->busy = 0;
   EXPECT_EQ(Figures(t), (Ints{1048579, 4, 0, 1, 0}));
 }
 
@@ -283,7 +287,8 @@ TEST_F(Reclaim,
   CACacheAction* h = WithFreeNodes("rebuilt", 10, 20000);
   Put(h, Key(1), "old", 1);  // one that calls back
   onRelease = [&](const std::string&) {
-    onRelease = nullptr, Put(h, Key(2), "in");
+    onRelease = nullptr;
+    Put(h, Key(2), "in");
   };
   EXPECT_EQ(Put(h, Key(1), "out"), 0);
   EXPECT_EQ(Get(h, Key(1)) + Get(h, Key(2)), "outin");

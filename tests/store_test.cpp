@@ -58,7 +58,7 @@ TEST_F(Store, InsertCopiesSearchHoldsQueryTellsAndSize0StoresNothing) {
   EXPECT_EQ(Ints({q.hits, q.tag, q.flags, q.age, q.keyLength, q.dataLength,
                   q.length, Query(h, r).hits}),
             Ints({2, 7, CAREC_CALLBACK | 16, 3, 1, 3, 100, 2}));
-  CA_FREE(h, r), CA_FREE(h, r);  // the second: nothing held, nothing changes
+  for (int i = 0; i < 2; ++i) CA_FREE(h, r);  // the second changes nothing
   EXPECT_EQ(static_cast<CARecord*>(r)->refCount, 0);
   EXPECT_EQ(Put(h, "k", "new", 5), 0);  // replaced: the unheld old one goes
   // Size 0 stores nothing, yet tells whether the key was new, counts the
@@ -99,15 +99,18 @@ TEST_F(Store, AListIsThePreorderOfEveryRecordInTheTree) {
 
 TEST_F(Store, EveryOperationIsTimedInItsSlotAndTheLibraryStartsOnDemand) {
   void* a = Open("a");
-  Put(a, "k"), Put(a, "j");
+  for (const char* k : {"k", "j"}) Put(a, k);
   void* hit = Hold(a, "k");
-  Hold(a, "none"), Hold(Open("b"), "k"), Query(a, hit);
-  CA_FREE(a, hit), CA_ERASE(a, Hold(a, "j"));
+  EXPECT_TRUE(!Hold(a, "none") && !Hold(Open("b"), "k") && Query(a, hit).hits);
+  CA_FREE(a, hit);
+  CA_ERASE(a, Hold(a, "j"));
   CA_QUERY(a, nullptr, nullptr);  // refused before any work: not timed
   CA_FREE(a, nullptr);
   Ints library, cache;
-  for (int slot = 0; slot < 9; ++slot)
-    library.push_back(Count(nullptr, slot)), cache.push_back(Count(a, slot));
+  for (int slot = 0; slot < 9; ++slot) {
+    library.push_back(Count(nullptr, slot));
+    cache.push_back(Count(a, slot));
+  }
   EXPECT_EQ(library, (Ints{2, 4, 2, 1, 1, 1, 0, 0, 0}));
   EXPECT_EQ(cache, (Ints{2, 3, 2, 1, 1, 1, 0, 0, 0}));
   EXPECT_EQ(Params(a).timing.count, 8u);  // every handle operation on "a"
@@ -124,7 +127,8 @@ TEST_F(Store, EveryOperationIsTimedInItsSlotAndTheLibraryStartsOnDemand) {
     EXPECT_TRUE(cafree != nullptr && MainStat != nullptr && SingleThreaded);
     EXPECT_EQ(CA_DEINIT() + CA_DEINIT(), 2);
   }
-  CAFree* controller = (Put(Open("c"), "k"), cafree);
+  Put(Open("c"), "k");
+  CAFree* controller = cafree;
   EXPECT_TRUE(CA_INIT(1) == 1 && cafree == controller);  // same mode, same one
   EXPECT_TRUE(CA_INIT(0) == 1 && SingleThreaded == 0 &&
               Get(Open("c"), "k") == "v");
