@@ -41,9 +41,10 @@ TEST(Locks, SingleThreadedModeGrantsEveryWaitAndLockWithoutLocking) {
 }
 
 TEST(Locks, APostReleasesOneWaitWhileASetReleasesAllUntilReset) {
-  CAEvent e;  // made clear: both wait
-  auto untimed = Elsewhere([&] { return e.Wait(-1); });
+  CAEvent e;  // made clear: both wait, the timed one first
   auto timed = Elsewhere([&] { return e.Wait(5000); });
+  CASleep(30);
+  auto untimed = Elsewhere([&] { return e.Wait(-1); });
   CASleep(30);
   e.Post();  // then poll for up to about five seconds
   for (int i = 0; i < 5000 && Blocked(untimed, 1) && Blocked(timed, 0);) ++i;
@@ -55,12 +56,21 @@ TEST(Locks, APostReleasesOneWaitWhileASetReleasesAllUntilReset) {
   EXPECT_EQ(e.Wait(0) + e.Wait(20), 0);  // clear: both time out
   e.Post();  // no one waits: the post waits for the next Wait
   EXPECT_TRUE(e.Wait(-1) == 1 && e.Wait(0) == 0) << "a post serves one Wait";
+  auto woken = Elsewhere([&] { return e.Wait(-1); });
+  CASleep(30);
+  e.Post();  // taken here first, it leaves the woken waiter -1
+  const int here = e.Wait(0);
+  EXPECT_EQ((here == 1) + (woken.get() == 1), 1) << "a post serves one Wait";
 }
 
 TEST(Locks, AMutexIsRecursiveExcludesOthersAndTimesOutOnlyWhileHeld) {
   CAMutex m;
+  CAMutexCore* core = std::exchange(m.core, nullptr);  // none: -1
+  EXPECT_EQ(m.Enter(-1) + m.Enter(0) + m.Enter(5), -3);
+  m.core = core;
   EXPECT_TRUE(m.Enter(-1) == 1 && m.Enter(0) == 1 && m.Enter(50) == 1);
-  EXPECT_EQ(Elsewhere([&] { return m.Enter(30); }).get(), 0);  // timed out
+  auto late = Elsewhere([&] { return m.Enter(990); });  // times out in time
+  EXPECT_TRUE(!Blocked(late, 1500) && late.get() == 0);
   EXPECT_EQ(Elsewhere([&] { return m.Enter(0); }).get(), -1);  // busy: -1
   // A waiter that an Exit wakes while the mutex stays held (one level of
   // three left) waits again for up to its whole time-out.
@@ -115,10 +125,10 @@ TEST(Threads, AStopIsCooperativeUntilItsTimeOutThenCancelsForGood) {
   t.Stop();
   // It returned by itself, not cancelled, having run once for its argument.
   EXPECT_TRUE(Load(t.runState) > 1 && t.runs == 1 && t.argument == &t);
-  deaf.stopTimeout = 350;
+  deaf.stopTimeout = 400;  // five steps of 100 ms, then a cancel and 100 ms
   deaf.Start(0, nullptr);
   auto stopping = Elsewhere([&] { deaf.Stop(); });
-  EXPECT_TRUE(Blocked(stopping, 350)) << "cancelled before its time-out";
+  EXPECT_TRUE(Blocked(stopping, 550)) << "cancelled before its time-out";
   stopping.get();
   const int beats = deaf.beats.load();
   deaf.Start(0, nullptr);  // stopped: not started again

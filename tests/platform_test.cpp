@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 // The companions and the data buffer: statistic slots and the stopwatch
 // (libqmstat), the in-memory trace service (libybtrace), and CAMem.
+#include <malloc.h>
 #include <string.h>
 
 #include <chrono>
@@ -59,18 +60,22 @@ TEST(Platform, ABufferHoldsSizePlusOneBytesGrowsAndKnowsItIsSound) {
   EXPECT_TRUE(CAMem(0).get() && memset(CAMem(8).get(), 0, 9) &&
               CAMem(~0UL).checkmem(0) == 1);
   void* h = Open("c");
-  Put(h, "k", "data");
+  Put(h, "k", "data in 16 bytes");  // its extra byte takes a heap step
   CARecord* r = static_cast<CARecord*>(NodeOf(h, "k")->payload);
-  // A stored record keeps its data behind it and is sound. Then, step by
-  // step: it never shrinks; a non-zero state answers 0 yet grows (moving the
-  // data out); growth again reallocates; impossible growth keeps the buffer.
-  // Each step gives the result and the size.
-  Ints got = {r->data == (unsigned char*)(r + 1), r->checkmem(0)};
+  // A stored record keeps its data, and the extra byte, behind it and is
+  // sound. Then, step by step: it never shrinks; a non-zero state answers 0
+  // yet grows (moving the data out); growth again reallocates; impossible
+  // growth keeps the buffer. Each step gives the result, the size and
+  // whether the data is still behind the record.
+  auto behind = [r] { return r->data == (unsigned char*)(r + 1); };
+  Ints got = {behind(), r->checkmem(0),
+              malloc_usable_size(r) > sizeof(CARecord) + 16};
   for (const Ints& s : {Ints{0, 2}, {3, 1000}, {0, 2000}, {0, -1}}) {
     r->state = s[0];
-    got.insert(got.end(), {r->realloc(s[1]), (long)r->size});
+    got.insert(got.end(), {r->realloc(s[1]), (long)r->size, behind()});
   }
-  EXPECT_EQ(got, Ints({1, 0, 1, 4, 0, 1000, 1, 2000, -1, 2000}));
+  EXPECT_EQ(got,
+            Ints({1, 0, 1, 1, 16, 1, 0, 1000, 0, 1, 2000, 0, -1, 2000, 0}));
   r->external = 1;  // left alone, and not sound with a block
   EXPECT_TRUE(r->realloc(9999) == 1 && r->size == 2000 && r->checkmem(0) == 1);
   // Grown, it still has its extra byte (ASan); a spoiled mark is unsound.
