@@ -23,11 +23,14 @@ int main(void) {
   CHECK(q.tag == 3 && q.length == 50 && q.dataLength == 5 &&
         !memcmp(q.data, "data1", 5));
   // Given back, the record stays cached (and listed) until it is erased.
-  CA_FREE(h, record), CA_LIST_FREE(h, CA_LIST(h, &count)), CA_ERASE(h, record);
+  CA_FREE(h, record);
+  CA_LIST_FREE(h, CA_LIST(h, &count));
+  CA_ERASE(h, record);
   CHECK(count == 2 && released == 1 && CA_SEARCH(h, 0, 3, "one") == NULL);
   CHECK(CA_GETCACHESTAT(h, &params) && params.allocated == 60 &&
         CA_GETSTAT(NULL, CASTAT_SEARCH, &params.timing) &&
         params.timing.count == 2 && CA_SETCHECK(1) && !CA_CHECKCACHE(0));
   // Closing the last handle destroys the cache.
-  return CA_CLOSE(h), CA_DEINIT() != 1 || failed;
+  CA_CLOSE(h);
+  return CA_DEINIT() != 1 || failed;
 }

@@ -83,7 +83,8 @@ TEST(KeyTree, SingleRotationsGiveTheseShapesAndTheWalkFollowsThem) {
 TEST(KeyTree, CheckTreePrintsEachFaultInPreorderAndCountsNodes) {
   Tree t(7);
   BTree *n4 = t.root, *n2 = n4->left, *n3 = n2->right, *n6 = n4->right;
-  n2->leftHeight = 3, n3->parent = n4;
+  n2->leftHeight = 3;
+  n3->parent = n4;
   EXPECT_EQ(Printed(n4),
             Format("Counting problem %p l:2 3\nCounting problem %p l:3 0\n"
                    "**Parent pointer error %p l:%p l->p:%p\n7",

@@ -22,7 +22,11 @@ const auto Blocked = [](auto& f, int ms = 30) {
 };
 int Load(const int& v) { return __atomic_load_n(&v, __ATOMIC_SEQ_CST); }
 std::future<int> EnterElsewhere(CAMutex& m, int ms) {  // and leave at once
-  return Elsewhere([&m, ms] { return m.Enter(ms) == 1 ? (m.Exit(), 1) : 0; });
+  return Elsewhere([&m, ms] {
+    const int entered = m.Enter(ms);
+    if (entered == 1) m.Exit();
+    return entered;
+  });
 }
 
 TEST(Locks, SingleThreadedModeGrantsEveryWaitAndLockWithoutLocking) {
@@ -37,10 +41,12 @@ TEST(Locks, SingleThreadedModeGrantsEveryWaitAndLockWithoutLocking) {
 }
 
 TEST(Locks, APostReleasesOneWaitWhileASetReleasesAllUntilReset) {
-  CAEvent e;  // made clear: both wait
-  auto untimed = Elsewhere([&] { return e.Wait(-1); });
+  CAEvent e;  // made clear: both wait, the timed one first
   auto timed = Elsewhere([&] { return e.Wait(5000); });
-  CASleep(30), e.Post();  // then poll for up to about five seconds
+  CASleep(30);
+  auto untimed = Elsewhere([&] { return e.Wait(-1); });
+  CASleep(30);
+  e.Post();  // then poll for up to about five seconds
   for (int i = 0; i < 5000 && Blocked(untimed, 1) && Blocked(timed, 0);) ++i;
   EXPECT_NE(Blocked(untimed), Blocked(timed)) << "a post released both/none";
   e.Set();
@@ -50,18 +56,30 @@ TEST(Locks, APostReleasesOneWaitWhileASetReleasesAllUntilReset) {
   EXPECT_EQ(e.Wait(0) + e.Wait(20), 0);  // clear: both time out
   e.Post();  // no one waits: the post waits for the next Wait
   EXPECT_TRUE(e.Wait(-1) == 1 && e.Wait(0) == 0) << "a post serves one Wait";
+  auto woken = Elsewhere([&] { return e.Wait(-1); });
+  CASleep(30);
+  e.Post();  // taken here first, it leaves the woken waiter -1
+  const int here = e.Wait(0);
+  EXPECT_EQ((here == 1) + (woken.get() == 1), 1) << "a post serves one Wait";
 }
 
 TEST(Locks, AMutexIsRecursiveExcludesOthersAndTimesOutOnlyWhileHeld) {
   CAMutex m;
+  CAMutexCore* core = std::exchange(m.core, nullptr);  // none: -1
+  EXPECT_EQ(m.Enter(-1) + m.Enter(0) + m.Enter(5), -3);
+  m.core = core;
   EXPECT_TRUE(m.Enter(-1) == 1 && m.Enter(0) == 1 && m.Enter(50) == 1);
-  EXPECT_EQ(Elsewhere([&] { return m.Enter(30); }).get(), 0);  // timed out
+  auto late = Elsewhere([&] { return m.Enter(990); });  // times out in time
+  EXPECT_TRUE(!Blocked(late, 1500) && late.get() == 0);
   EXPECT_EQ(Elsewhere([&] { return m.Enter(0); }).get(), -1);  // busy: -1
   // A waiter that an Exit wakes while the mutex stays held (one level of
   // three left) waits again for up to its whole time-out.
   auto untimed = EnterElsewhere(m, -1), timed = EnterElsewhere(m, 600);
-  CASleep(400), m.Exit(), m.Exit();
-  CASleep(400), m.Exit();  // free at 800 ms: past the first 600, in the second
+  CASleep(400);
+  m.Exit();
+  m.Exit();
+  CASleep(400);
+  m.Exit();  // free at 800 ms: past the first 600, in the second
   EXPECT_TRUE(untimed.get() + timed.get() == 2 && m.entries == 5) << m.entries;
 }
 
@@ -73,7 +91,11 @@ TEST(Locks, TheGateAdmitsSharersOrOneExclusiveHolderNeverBoth) {
   std::atomic<int> inside{0};  // sharers count 1 each, an exclusive holder 1000
   const auto work = [&] {
     for (int i = 0; i < 300; ++i) {
-      g.Enter(), inside++, std::this_thread::yield(), inside--, g.Exit();
+      g.Enter();
+      inside++;
+      std::this_thread::yield();
+      inside--;
+      g.Exit();
       EXPECT_TRUE(g.UniEnter() == 1 && (inside += 1000) == 1000) << inside;
       std::this_thread::yield();  // room for anyone else to come in
       EXPECT_EQ(inside -= 1000, 0) << "another came in during exclusive use";
@@ -81,7 +103,8 @@ TEST(Locks, TheGateAdmitsSharersOrOneExclusiveHolderNeverBoth) {
     }
   };
   auto a = Elsewhere(work), b = Elsewhere(work), c = Elsewhere(work);
-  work(), a.get(), b.get(), c.get();
+  work();
+  for (auto* other : {&a, &b, &c}) other->get();
 }
 
 // Works until asked to stop; one started without an argument never stops by
@@ -97,14 +120,19 @@ TEST(Threads, AStopIsCooperativeUntilItsTimeOutThenCancelsForGood) {
   Worker t, deaf;  // made before any thread starts
   deaf.Stop();     // never started: returns at once, changes nothing
   EXPECT_TRUE(deaf.runState == -1 && deaf.stopRequest == 0);
-  t.Start(0, &t), t.Start(0, &deaf), t.Stop();  // the second Start is ignored
+  t.Start(0, &t);
+  t.Start(0, &deaf);  // ignored
+  t.Stop();
   // It returned by itself, not cancelled, having run once for its argument.
   EXPECT_TRUE(Load(t.runState) > 1 && t.runs == 1 && t.argument == &t);
-  deaf.stopTimeout = 350, deaf.Start(0, nullptr);
+  deaf.stopTimeout = 400;  // five steps of 100 ms, then a cancel and 100 ms
+  deaf.Start(0, nullptr);
   auto stopping = Elsewhere([&] { deaf.Stop(); });
-  EXPECT_TRUE(Blocked(stopping, 350)) << "cancelled before its time-out";
-  const int beats = (stopping.get(), deaf.beats.load());
-  deaf.Start(0, nullptr), CASleep(30);  // stopped: not started again
+  EXPECT_TRUE(Blocked(stopping, 550)) << "cancelled before its time-out";
+  stopping.get();
+  const int beats = deaf.beats.load();
+  deaf.Start(0, nullptr);  // stopped: not started again
+  CASleep(30);
   EXPECT_TRUE(deaf.runState == 1 && !deaf.thread && deaf.beats == beats);
 }
 

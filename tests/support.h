@@ -131,7 +131,6 @@ struct Fresh : testing::Test {
     CA_SETCHECK(1);
     released.clear();
   }
-  void TearDown() override { CA_DEINIT(), CA_SETFREE(nullptr), CA_SETCHECK(0); }
 };
 
 #endif  // QMCACHE_TESTS_SUPPORT_H

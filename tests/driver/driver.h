@@ -27,6 +27,7 @@
 #include <unistd.h>
 
 #include <string>
+#include <tuple>
 #include <unordered_map>
 #include <unordered_set>
 #include <utility>
@@ -66,10 +67,13 @@ class Driver {
       CA_DEINIT();
       CA_SETCHECK(CA_INIT(1));
       CA_SETFREE(&Released);
-      for (step_ = 0; step_ < steps && (!bytes_ || at_ < size_); ++step_)
-        if (Step(), step_ % 64 == 0) CheckAll();
+      for (step_ = 0; step_ < steps && (!bytes_ || at_ < size_); ++step_) {
+        Step();
+        if (step_ % 64 == 0) CheckAll();
+      }
       CheckAll();
-      CA_DEINIT(), Forget();
+      CA_DEINIT();
+      Forget();
       void* late = CA_CREATE("late", nullptr);
       for (auto& hold : holds_) CA_FREE(late, hold.second);
       CA_DEINIT();
@@ -77,7 +81,10 @@ class Driver {
     } catch (const std::string& message) {
       error = message;
     }
-    fflush(stdout), dup2(saved, 1), close(saved), fclose(out);
+    fflush(stdout);
+    dup2(saved, 1);
+    close(saved);
+    fclose(out);
     current_ = nullptr;
     CA_SETFREE(nullptr);
     return error.empty();
@@ -126,7 +133,7 @@ class Driver {
     BTreeNumerator walk(c->tree, 0);
     for (BTree* n; (n = walk.Next()) != nullptr;)
       if (auto* r = static_cast<CARecord*>(n->payload))
-        sum.first++, sum.second += r->length;
+        sum = {sum.first + 1, sum.second + (unsigned)r->length};
     return sum;
   }
 
@@ -168,8 +175,16 @@ class Driver {
   void* Opened(int slot) {
     return handles_[slot] ? handles_[slot] : (handles_[slot] = Open(slot));
   }
-  // Keys of 1 to 255 bytes: the structure check reports any other length.
-  std::string RandomKey() { return "k" + std::to_string(Below(40)); }
+  // Keys of 1 to 255 bytes (the structure check reports any other length),
+  // of every length class of the key index. Keys of a length differ in their
+  // middle byte; all share their other bytes, so long prefixes are common.
+  std::string RandomKey() {
+    static const int lengths[] = {1, 2, 3, 4, 5, 7, 8, 9, 12, 16, 17, 26, 255};
+    const uint32_t i = Below(39);
+    std::string key(lengths[i % 13], 'k');
+    key[key.size() / 2] = (char)('0' + i / 13);
+    return key;
+  }
 
   // Stores a record whose data names it (serial, slot, key).
   int Store(int slot, const std::string& key, int flags, int length = -1) {
@@ -199,7 +214,8 @@ class Driver {
     const int slot = static_cast<unsigned char*>(data)[8];
     const std::string key(static_cast<char*>(data) + 9, size - 9);
     if (depth_ >= 2 || Percent(40)) return;
-    depth_++, reentries++;
+    depth_++;
+    reentries++;
     const int other = (int)Below(kCaches);
     void* h = handles_[other];
     const std::string any = RandomKey();
@@ -238,7 +254,7 @@ class Driver {
                         (Percent(10) ? CAREC_PINNED : 0) |
                         (Percent(15) ? CAREC_EXPIRES : 0);
       const bool existed = NodeOf(slot, key) != nullptr;
-      guardSlot_ = slot, guardKey_ = key, erasing_ = false;
+      std::tie(guardSlot_, guardKey_, erasing_) = std::tuple(slot, key, false);
       const uint64_t mine = serial_ + 1;
       Expect(Store(slot, key, flags) == !existed, "insert's result");
       guardSlot_ = -1;
@@ -264,7 +280,8 @@ class Driver {
       Expect(CA_QUERY(h, r, &q) == 1 && (!q.key) == (!r->node), "query");
       if (Percent(50)) return CA_FREE(h, r);
       const bool attached = r->node && r->cache == CacheOf(heldIn);
-      guardSlot_ = attached ? heldIn : -1, erasing_ = true;
+      guardSlot_ = attached ? heldIn : -1;
+      erasing_ = true;
       guardKey_.assign(static_cast<char*>(q.key), q.keyLength);
       CA_ERASE(h, r);
       guardSlot_ = -1;
@@ -282,7 +299,8 @@ class Driver {
       g_now += Percent(10) ? -2 : Below(4);
     } else if (op == 14) {  // now and then past 20,000 free nodes
       const uint32_t n = Percent(20) ? maxBulk_ : Below(200) + 1;
-      const std::string base = "b" + std::to_string(Below(1000000)) + ".";
+      const std::string base = std::string(Below(3) * 12 + 1, 'b') +
+                               std::to_string(Below(1000000)) + ".";
       for (uint32_t i = 0; i < n; ++i) {
         const std::string b = base + std::to_string(i);
         inUse_ = Opened(slot);
@@ -322,11 +340,17 @@ class Driver {
                  CA_GETSTAT(h, 8 + (int)Below(3), &stat[1]) && !stat[1].count &&
                  !CA_CREATE(nullptr, nullptr),
              "bad input");
-      CA_FREE(bad, r), CA_ERASE(bad, r), CA_CLOSE(bad), CA_FREE(h, nullptr);
+      CA_FREE(bad, r);
+      CA_ERASE(bad, r);
+      CA_CLOSE(bad);
+      CA_FREE(h, nullptr);
       void** list = CA_LIST(h, &count);
-      CA_LIST_FREE(bad, list), CA_LIST_FREE(h, list);
+      CA_LIST_FREE(bad, list);
+      CA_LIST_FREE(h, list);
     } else if (op == 17 && Percent(10)) {
-      CA_DEINIT(), Forget(), CA_INIT((int)Below(2));
+      CA_DEINIT();
+      Forget();
+      CA_INIT((int)Below(2));
     }
     if (CacheOf(slot) && CacheOf(slot)->params.nodes < 3000)
       CheckCounters(slot);

@@ -12,8 +12,10 @@ int main(int argc, char** argv) {
     arg[i - 1] = strtoull(argv[i], nullptr, 10);
   for (unsigned long long seed = arg[0]; seed <= arg[1]; ++seed) {
     qmdriver::Driver driver(seed, (uint32_t)arg[3]);
-    if (!driver.Run(arg[2]))
-      return fprintf(stderr, "seed %llu: %s\n", seed, driver.error.c_str()), 1;
+    if (!driver.Run(arg[2])) {
+      fprintf(stderr, "seed %llu: %s\n", seed, driver.error.c_str());
+      return 1;
+    }
     printf("seed %llu: %llu steps ok, %lu callbacks re-entered\n", seed, arg[2],
            driver.reentries);
   }

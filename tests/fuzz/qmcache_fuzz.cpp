@@ -11,6 +11,9 @@
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   qmdriver::g_now = 1700000000;
   qmdriver::Driver driver(data, size, 21000);
-  if (!driver.Run(3000)) fprintf(stderr, "%s\n", driver.error.c_str()), abort();
+  if (!driver.Run(3000)) {
+    fprintf(stderr, "%s\n", driver.error.c_str());
+    abort();
+  }
   return 0;
 }
