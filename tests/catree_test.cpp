@@ -5,8 +5,6 @@
 
 #include "support.h"
 
-namespace {
-
 unsigned char* Bytes(const std::string& k) { return (unsigned char*)k.data(); }
 
 struct Tree {
@@ -93,5 +91,3 @@ TEST(KeyTree, CheckTreePrintsEachFaultInPreorderAndCountsNodes) {
   EXPECT_EQ(Printed(leaf) + Printed(leaf, false),
             Format("Root illegal %p parent=%p\n11", leaf, n6));
 }
-
-}  // namespace

@@ -13,8 +13,6 @@
 
 #include "qmcache/qmcache.hpp"
 
-namespace {
-
 const auto Elsewhere = [](auto f) { return std::async(std::launch::async, f); };
 // True while `f` is still running after `ms` milliseconds.
 const auto Blocked = [](auto& f, int ms = 30) {
@@ -168,5 +166,3 @@ TEST(Threads, CallsOnSeparateCachesLoseNoStatisticValue) {
     counts.push_back(s.count);
   EXPECT_EQ(counts, std::vector<unsigned long>({n / 8, n, n, n, n}));
 }
-
-}  // namespace

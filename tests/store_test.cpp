@@ -6,8 +6,6 @@
 
 #include "support.h"
 
-namespace {
-
 // "maxBytes allocated nodes usedNodes" of the handle's cache.
 std::string Counters(void* h) {
   CAParams p = Params(h);
@@ -139,5 +137,3 @@ TEST_F(Store, EveryOperationIsTimedInItsSlotAndTheLibraryStartsOnDemand) {
   CA_DEINIT();
   EXPECT_EQ(Get(Open("c"), "k") + std::to_string(Count(nullptr, 0)), "-0");
 }
-
-}  // namespace

@@ -5,8 +5,6 @@
 
 #include "support.h"
 
-namespace {
-
 std::string path;
 Lines lastAtRelease;  // the log's last line when a record went
 void SeeLog(int, unsigned long, void*) {
@@ -85,5 +83,3 @@ TEST(TraceLog, EveryCallWritesItsLineAfterItsWorkAlsoForInvalidHandles) {
   EXPECT_TRUE(CA_SETFREE(nullptr) && Put(CA_CREATE("cache", nullptr), "k"));
   EXPECT_TRUE(CA_DEINIT() == 1 && trace == nullptr);
 }
-
-}  // namespace
