@@ -38,9 +38,9 @@ int Check() {
   report.clear();
   YBTRACE_Entry e;
   for (size_t i = 0; YBTRACE_Get(i, &e); ++i) {
-    const std::string text(e.text, e.textLength);
-    report +=
-        e.kind == YBTRACE_KIND_TEXT ? text + "\n" : D(e.text, e.byteCount);
+    report += e.kind == YBTRACE_KIND_TEXT
+                  ? std::string(e.text, e.textLength) + "\n"
+                  : D(e.text, e.byteCount);
     EXPECT_EQ(e.traceId, 9u);
   }
   return silent;

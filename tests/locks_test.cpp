@@ -6,10 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <future>
-#include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "qmcache/qmcache.hpp"
 
@@ -130,39 +127,4 @@ TEST(Threads, AStopIsCooperativeUntilItsTimeOutThenCancelsForGood) {
   deaf.Start(0, nullptr);  // stopped: not started again
   CASleep(30);
   EXPECT_TRUE(deaf.runState == 1 && !deaf.thread && deaf.beats == beats);
-}
-
-// Threads on caches of their own, as a host may run them: inserts (they can
-// start reclamation) one at a time, everything else at once. Not one value of
-// the library-wide statistic, nor of any cache's, is lost.
-TEST(Threads, CallsOnSeparateCachesLoseNoStatisticValue) {
-  CA_INIT(0);
-  std::mutex serial;  // the host's one lock
-  constexpr unsigned long kThreads = 4, kRounds = 3000, n = kThreads * kRounds;
-  std::vector<std::thread> threads;
-  for (unsigned long t = 0; t < kThreads; ++t) {
-    void* h = CA_CREATE(std::to_string(t).c_str(), nullptr);
-    threads.emplace_back([&serial, h] {
-      CAQuery q;
-      for (unsigned long i = 0; i < kRounds; ++i) {
-        if (i % 8 == 0) {
-          std::lock_guard<std::mutex> hold(serial);
-          CA_INSERT(h, 0, 0, 0, 1, "k", 3, 3, "abc");
-        }
-        void* r = CA_SEARCH(h, 0, 1, "k");
-        CA_QUERY(h, r, &q);
-        CA_FREE(h, r);
-      }
-      CAParams p{};  // and every call on the cache is in its own figures
-      EXPECT_TRUE(CA_GETCACHESTAT(h, &p) &&
-                  p.timing.count == kRounds / 8 + 3 * kRounds);
-    });
-  }
-  std::vector<unsigned long> counts;
-  _CAStat s;  // read while they add, then after they have ended
-  for (int i = 0; i < 100; ++i) CA_GETSTAT(nullptr, 1, &s);
-  for (auto& t : threads) t.join();
-  for (int slot = 0; slot <= 4 && CA_GETSTAT(nullptr, slot, &s); ++slot)
-    counts.push_back(s.count);
-  EXPECT_EQ(counts, std::vector<unsigned long>({n / 8, n, n, n, n}));
 }

@@ -71,7 +71,7 @@ TEST_F(Store, InsertCopiesSearchHoldsQueryTellsAndSize0StoresNothing) {
 }
 
 TEST_F(Store, AListIsThePreorderOfEveryRecordInTheTree) {
-  void* h = Open("list");
+  CACacheAction* h = Open("list");
   int count = -5;
   EXPECT_TRUE(CA_LIST(h, &count) == nullptr && count == 0);
   for (const char* k : {"2", "1", "3"}) Put(h, k, k);
@@ -81,10 +81,9 @@ TEST_F(Store, AListIsThePreorderOfEveryRecordInTheTree) {
   ASSERT_EQ(count, 2);
   EXPECT_EQ(Query(h, list[1]).hits, 1);  // listing takes no hold
   EXPECT_TRUE(list[0] == NodeOf(h, "1")->payload && list[2] == nullptr);
-  CACache* c = static_cast<CACacheAction*>(h)->cache;
   BTreeNumerator* it = nullptr;  // First/Next walk every node in key order
   std::string order;
-  for (BTree* n = c->First(&it); n != nullptr; n = c->Next(&it))
+  for (BTree* n = h->cache->First(&it); n; n = h->cache->Next(&it))
     order += KeyOf(n) + (n->payload ? "," : "-,");
   EXPECT_EQ(order + (it ? "!" : ""), "1,2-,3,");
   CA_ERASE(h, list[1]);  // not held: destroyed at once
@@ -104,13 +103,11 @@ TEST_F(Store, EveryOperationIsTimedInItsSlotAndTheLibraryStartsOnDemand) {
   CA_ERASE(a, Hold(a, "j"));
   CA_QUERY(a, nullptr, nullptr);  // refused before any work: not timed
   CA_FREE(a, nullptr);
-  Ints library, cache;
-  for (int slot = 0; slot < 9; ++slot) {
-    library.push_back(Count(nullptr, slot));
-    cache.push_back(Count(a, slot));
-  }
-  EXPECT_EQ(library, (Ints{2, 4, 2, 1, 1, 1, 0, 0, 0}));
-  EXPECT_EQ(cache, (Ints{2, 3, 2, 1, 1, 1, 0, 0, 0}));
+  Ints counts;  // the library's slots, then the cache's
+  for (void* of : {(void*)nullptr, a})
+    for (int slot = 0; slot < 9; ++slot) counts.push_back(Count(of, slot));
+  EXPECT_EQ(counts,
+            (Ints{2, 4, 2, 1, 1, 1, 0, 0, 0, 2, 3, 2, 1, 1, 1, 0, 0, 0}));
   EXPECT_EQ(Params(a).timing.count, 8u);  // every handle operation on "a"
   CA_DEINIT();
   EXPECT_EQ(CA_CHECKCACHE(0), 0);  // does not start the library
