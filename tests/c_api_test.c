@@ -17,8 +17,8 @@ int main(void) {
   CAParams params = {4096, 0, 0, 0, {0, 0, 0, 0, 0}};
   CAQuery q;
   void *h = CA_CREATE("c-cache", &params), *record;
-  CHECK(!CA_SETFREE(OnFree) && CA_INSERT(h, 4, 0, 0, 1, "2", 1, 60, "2") == 1);
-  CHECK(CA_INSERT(h, 3, CAREC_CALLBACK, 0, 3, "one", 5, 50, "data1") == 1);
+  CHECK(!CA_SETFREE(OnFree) && CA_INSERT(h, 4, 0, 0, 1, "2", 1, 60, "2") == 1 &&
+        CA_INSERT(h, 3, CAREC_CALLBACK, 0, 3, "one", 5, 50, "data1") == 1);
   CHECK(CA_QUERY(h, record = CA_SEARCH(h, 0, 3, "one"), &q) && q.hits == 2);
   CHECK(q.tag == 3 && q.length == 50 && q.dataLength == 5 &&
         !memcmp(q.data, "data1", 5));

@@ -76,8 +76,11 @@ TEST(LayerArguments, WhatTheCInterfaceCannotCarryIsRefused) {
 
 // Four threads share one cache and each has a cache of its own; all run
 // eviction passes (the budgets are small). Holds found by one thread are
-// given back by another.
+// given back by another. Searches on separate caches run at once, and the
+// library-wide statistic loses none of them.
 TEST(LayerThreads, SharedAndSeparateCaches) {
+  _CAStat before, after;
+  CA_GETSTAT(nullptr, CASTAT_SEARCH, &before);
   qm::SharedCache shared("layer-shared", 1000);
   std::mutex handoffLock;
   std::vector<qm::Hold> handoff;
@@ -102,6 +105,8 @@ TEST(LayerThreads, SharedAndSeparateCaches) {
   for (int t = 0; t < 4; ++t) threads.emplace_back(work, t);
   for (std::thread& t : threads) t.join();
   handoff.clear();
+  CA_GETSTAT(nullptr, CASTAT_SEARCH, &after);
+  EXPECT_EQ(after.count - before.count, 4u * 400 * 2);
 
   const qm::Stats s = shared.stats();
   EXPECT_GT(s.eviction.count, 0u);

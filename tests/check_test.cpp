@@ -9,9 +9,7 @@
 #include "qmcache/ybtrace.h"
 #include "support.h"
 
-namespace {
-
-// A dump entry as the log shows it: its label and its size.
+// A dump entry as the report shows it: its label and its size.
 std::string D(const char* label, size_t size) {
   return std::string(label) + "#" + std::to_string(size) + "\n";
 }
@@ -27,9 +25,9 @@ Change Set(F& field, V bad) {
           [&field, old] { field = old; }};
 }
 
-// The verdict; `log` gets the report, one line per entry. With trace id 0 the
-// check gives the same verdict and neither writes nor formats.
-std::string log;
+// The verdict; `report` gets the report, one line per entry. With trace id 0
+// the check gives the same verdict and neither writes nor formats.
+std::string report;
 int Check() {
   memset(CACache::cache_buf, 'z', sizeof(CACache::cache_buf));
   YBTRACE_Clear();
@@ -37,11 +35,12 @@ int Check() {
   EXPECT_TRUE(YBTRACE_Count() == 0 &&
               std::string(CACache::cache_buf, 512) == std::string(512, 'z'));
   EXPECT_EQ(CA_CHECKCACHE(9), silent);
-  log.clear();
+  report.clear();
   YBTRACE_Entry e;
   for (size_t i = 0; YBTRACE_Get(i, &e); ++i) {
-    const std::string text(e.text, e.textLength);
-    log += e.kind == YBTRACE_KIND_TEXT ? text + "\n" : D(e.text, e.byteCount);
+    report += e.kind == YBTRACE_KIND_TEXT
+                  ? std::string(e.text, e.textLength) + "\n"
+                  : D(e.text, e.byteCount);
     EXPECT_EQ(e.traceId, 9u);
   }
   return silent;
@@ -122,7 +121,7 @@ TEST_F(StructureCheck, ReportsTheFirstFaultOfEachKind) {
   for (auto& [changes, want] : cases) {
     for (Change& change : changes) change.apply();
     EXPECT_EQ(want.empty() ? 0 : 1, Check());
-    EXPECT_EQ(want, log);
+    EXPECT_EQ(want, report);
     for (Change& change : changes) change.undo();
     EXPECT_EQ(0, Check()) << want;
   }
@@ -136,22 +135,20 @@ TEST_F(StructureCheck, AnswersOnlyWhenOnAndBoundsNamesAndKeys) {
   EXPECT_TRUE(CA_SETCHECK(5) == 1 && Check() == 1);
   const std::string line = Format(
       "invalid CACache structure - name: '%s', address: %p", name.c_str(), x);
-  EXPECT_EQ(log.substr(0, 512), line.substr(0, 511) + "\n");
+  EXPECT_EQ(report.substr(0, 512), line.substr(0, 511) + "\n");
   x->magic[0] = '%';
   x->name[255] = '\0';  // 255 characters: one too many
   EXPECT_EQ(Check(), 1);
-  EXPECT_EQ(log, Format("CACache address: %p\n", x) +
-                     D("CACache structure", sizeof(CACache)) +
-                     "invalid CACache name\n" + D("CACache name", 255));
+  EXPECT_EQ(report, Format("CACache address: %p\n", x) +
+                        D("CACache structure", sizeof(CACache)) +
+                        "invalid CACache name\n" + D("CACache name", 255));
   x->name[254] = '\0';
   CACache* z = Open("z")->cache;  // after the long name, which is sound
   Put(z->actions[0], std::string(255, '\0'));
   Put(z->actions[0], "a");
   z->tree->magic[2] = 'b';  // a 255-byte key is not dumped, a 254-byte one is
-  EXPECT_TRUE(Check() == 1 && log.find("BTree key") == std::string::npos);
+  EXPECT_TRUE(Check() == 1 && report.find("BTree key") == std::string::npos);
   z->tree->keyLength = 254;
   EXPECT_TRUE(Check() == 1 &&
-              log.find(D("BTree key", 254)) != std::string::npos);
+              report.find(D("BTree key", 254)) != std::string::npos);
 }
-
-}  // namespace

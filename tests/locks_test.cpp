@@ -6,14 +6,9 @@
 #include <atomic>
 #include <chrono>
 #include <future>
-#include <mutex>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "qmcache/qmcache.hpp"
-
-namespace {
 
 const auto Elsewhere = [](auto f) { return std::async(std::launch::async, f); };
 // True while `f` is still running after `ms` milliseconds.
@@ -76,8 +71,7 @@ TEST(Locks, AMutexIsRecursiveExcludesOthersAndTimesOutOnlyWhileHeld) {
   // three left) waits again for up to its whole time-out.
   auto untimed = EnterElsewhere(m, -1), timed = EnterElsewhere(m, 600);
   CASleep(400);
-  m.Exit();
-  m.Exit();
+  for (int level = 0; level < 2; ++level) m.Exit();
   CASleep(400);
   m.Exit();  // free at 800 ms: past the first 600, in the second
   EXPECT_TRUE(untimed.get() + timed.get() == 2 && m.entries == 5) << m.entries;
@@ -92,8 +86,7 @@ TEST(Locks, TheGateAdmitsSharersOrOneExclusiveHolderNeverBoth) {
   const auto work = [&] {
     for (int i = 0; i < 300; ++i) {
       g.Enter();
-      inside++;
-      std::this_thread::yield();
+      EXPECT_LT(++inside, 1000) << "shared with an exclusive holder";
       inside--;
       g.Exit();
       EXPECT_TRUE(g.UniEnter() == 1 && (inside += 1000) == 1000) << inside;
@@ -135,57 +128,3 @@ TEST(Threads, AStopIsCooperativeUntilItsTimeOutThenCancelsForGood) {
   CASleep(30);
   EXPECT_TRUE(deaf.runState == 1 && !deaf.thread && deaf.beats == beats);
 }
-
-// Threads on caches of their own, as a host may run them: the calls that can
-// start reclamation (inserts) and those that change the registry (opening a
-// cache) one at a time, everything else at once. Not one value of the
-// library-wide statistic, nor of any cache's, is lost.
-TEST(Threads, CallsOnSeparateCachesLoseNoStatisticValue) {
-  CA_DEINIT();
-  CA_INIT(0);
-  std::mutex serial;  // the host's one lock
-  constexpr int kThreads = 4, kRounds = 3000;
-  std::atomic<long> hits{0};
-  const auto work = [&](int t) {
-    void* h;
-    {
-      std::lock_guard<std::mutex> hold(serial);
-      h = CA_CREATE(("own" + std::to_string(t)).c_str(), nullptr);
-    }
-    long mine = 0;
-    for (int i = 0; i < kRounds; ++i) {
-      const std::string key = std::to_string(i % 64);
-      if (i % 8 == 0) {
-        std::lock_guard<std::mutex> hold(serial);
-        CA_INSERT(h, 0, 0, 0, (int)key.size(), key.data(), 3, 3, "abc");
-      }
-      CAQuery q;
-      void* r = CA_SEARCH(h, 0, (int)key.size(), key.data());
-      if (r == nullptr) continue;
-      mine += CA_QUERY(h, r, &q);
-      CA_FREE(h, r);
-    }
-    CAParams p{};  // and every call on the cache is in its own figures
-    EXPECT_TRUE(CA_GETCACHESTAT(h, &p) &&
-                p.timing.count ==
-                    (unsigned long)(kRounds / 8 + kRounds + 2 * mine));
-    hits += mine;
-  };
-  std::vector<std::thread> threads;
-  for (int t = 0; t < kThreads; ++t) threads.emplace_back(work, t);
-  _CAStat s;  // read while they add, then after they have ended
-  for (int i = 0; i < 100; ++i) CA_GETSTAT(nullptr, 1, &s);
-  for (auto& t : threads) t.join();
-  std::vector<unsigned long> counts;
-  for (int slot = 0; slot <= 4; ++slot) {
-    CA_GETSTAT(nullptr, slot, &s);
-    counts.push_back(s.count);
-  }
-  const unsigned long n = kThreads * kRounds, found = hits.load();
-  EXPECT_EQ(counts,
-            std::vector<unsigned long>({n / 8, n, found, found, found}));
-  CA_DEINIT();
-  CA_INIT(1);
-}
-
-}  // namespace

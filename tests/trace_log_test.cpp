@@ -5,8 +5,6 @@
 
 #include "support.h"
 
-namespace {
-
 std::string path;
 Lines lastAtRelease;  // the log's last line when a record went
 void SeeLog(int, unsigned long, void*) {
@@ -32,19 +30,16 @@ TEST(TraceLog, EveryCallWritesItsLineAfterItsWorkAlsoForInvalidHandles) {
   CAQuery query;
   EXPECT_FALSE(Hold(bad, "k") || CA_QUERY(bad, held, &query));
   void** list = CA_LIST(h, &count);
-  CA_LIST_FREE(h, list);
-  CA_LIST_FREE(bad, list);  // no line
+  for (void* by : {h, bad}) CA_LIST_FREE(by, list);  // the latter: no line
   Put(h, "k", "abc", 5);
   CA_FREE(h, held);  // destroys the replaced record
   void* current = Hold(h, "k");
-  CA_ERASE(h, current);
-  CA_ERASE(bad, current);
+  for (void* by : {h, bad}) CA_ERASE(by, current);
   _CAStat stat;
   EXPECT_FALSE(CA_GETSTAT(bad, 0, &stat) || CA_CHECKCACHE(0));
   EXPECT_FALSE(CA_SETCHECK(0) || CA_CHECKCACHE(0));  // off: no line
   Put(h, "z", "abc", 9);
-  CA_CLOSE(h);  // the record goes too
-  CA_CLOSE(bad);
+  for (void* by : {h, bad}) CA_CLOSE(by);             // the record goes too
   std::thread([] { trace->Write("%d", 5); }).join();  // unlocked
   EXPECT_EQ(CA_DEINIT(), 1);
   EXPECT_EQ(trace, nullptr);
@@ -85,5 +80,3 @@ TEST(TraceLog, EveryCallWritesItsLineAfterItsWorkAlsoForInvalidHandles) {
   EXPECT_TRUE(CA_SETFREE(nullptr) && Put(CA_CREATE("cache", nullptr), "k"));
   EXPECT_TRUE(CA_DEINIT() == 1 && trace == nullptr);
 }
-
-}  // namespace

@@ -38,15 +38,8 @@
 #include "qmcache/ybtrace.h"
 
 namespace qmdriver {
+
 inline time_t g_now = 1700000000;
-}  // namespace qmdriver
-
-// Exported, so that the library's calls find it before libc's.
-extern "C" __attribute__((visibility("default"))) time_t time(time_t* t) {
-  return t != nullptr ? *t = qmdriver::g_now : qmdriver::g_now;
-}
-
-namespace qmdriver {
 
 class Driver {
  public:
@@ -340,13 +333,11 @@ class Driver {
                  CA_GETSTAT(h, 8 + (int)Below(3), &stat[1]) && !stat[1].count &&
                  !CA_CREATE(nullptr, nullptr),
              "bad input");
-      CA_FREE(bad, r);
-      CA_ERASE(bad, r);
+      for (auto release : {CA_FREE, CA_ERASE}) release(bad, r);
       CA_CLOSE(bad);
       CA_FREE(h, nullptr);
       void** list = CA_LIST(h, &count);
-      CA_LIST_FREE(bad, list);
-      CA_LIST_FREE(h, list);
+      for (void* by : {(void*)bad, h}) CA_LIST_FREE(by, list);
     } else if (op == 17 && Percent(10)) {
       CA_DEINIT();
       Forget();
@@ -378,5 +369,10 @@ class Driver {
 };
 
 }  // namespace qmdriver
+
+// Exported, so that the library's calls find it before libc's.
+extern "C" __attribute__((visibility("default"))) time_t time(time_t* t) {
+  return t != nullptr ? *t = qmdriver::g_now : qmdriver::g_now;
+}
 
 #endif  // QMCACHE_TESTS_DRIVER_DRIVER_H
