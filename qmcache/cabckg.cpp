@@ -166,6 +166,7 @@ CAFree::CAFree(int singleThreaded) : clock(), lock1(), lock2() {
 }
 
 CAFree::~CAFree() {
+  std::vector<BTree*>().swap(WalkStack());  // CA_DEINIT gives back every block
   delete stopper;
   stopper = nullptr;
   CAFreeEntry* entry = pending;

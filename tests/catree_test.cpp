@@ -59,7 +59,8 @@ TEST(KeyTree, SingleRotationsGiveTheseShapesAndTheWalkFollowsThem) {
     Tree t;
     Ints depths;
     for (int k : keys) t.Insert(std::string(1, (char)k));
-    EXPECT_EQ(Walk(t.root, 0, &depths).size(), keys.size());
+    EXPECT_EQ(Walk(t.root, 0, &depths).size() + Walk(t.root, 1).size(),
+              2 * keys.size());
     testing::internal::CaptureStdout();  // it prints nothing, counts nodes
     const int counted = t.root->CheckTreeRoot();
     EXPECT_EQ(testing::internal::GetCapturedStdout() + std::to_string(counted),
@@ -73,4 +74,9 @@ TEST(KeyTree, SingleRotationsGiveTheseShapesAndTheWalkFollowsThem) {
   EXPECT_EQ(depths, back);
   EXPECT_EQ(Walk(t.root->left, 0), "\1\2\3\4\5\6\7");  // on through ancestors
   EXPECT_EQ(Walk(nullptr, 0), "");
+  t.root->left->left->key[0] = 2;  // a key equal to its parent's
+  testing::internal::CaptureStdout();
+  t.root->CheckTreeRoot();
+  EXPECT_NE(testing::internal::GetCapturedStdout().find("Compare problem"),
+            std::string::npos);
 }

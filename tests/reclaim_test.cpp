@@ -197,7 +197,6 @@ TEST_F(Reclaim, ThePendingListKeepsTheCachesWhosePassFellShort) {
 
 TEST_F(Reclaim, Over20000FreeNodesRebuildTheTreeInBatchesOf1000AfterAnyPass) {
   for (int keep : {5, 0, 2500}) {
-    SCOPED_TRACE(keep);
     const int erased = keep == 5 ? 20000 : 20001;  // 20,000 are left alone
     CACacheAction* h =
         WithFreeNodes("f" + std::to_string(keep), keep + 1, erased - 1);

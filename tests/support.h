@@ -2,23 +2,42 @@
 // What the tests share: the C interface turned into plain values, a clock
 // the tests set, the release callback's log and the trace log's lines.
 // Every test program includes this header once: it defines time() for the
-// whole process (exported, so the library's calls find it first).
+// whole process (exported, so the library's calls find it first), and
+// operator new and delete, which count the blocks in use.
 #ifndef QMCACHE_TESTS_SUPPORT_H
 #define QMCACHE_TESTS_SUPPORT_H
 
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <fstream>
+#include <new>
 #include <string>
 #include <vector>
 
 #include "qmcache/qmcache.h"
 #include "qmcache/qmcache.hpp"
+#include "qmcache/ybtrace.h"
 
 time_t g_now = 1000000;
 extern "C" __attribute__((visibility("default"))) time_t time(time_t* t) {
   return t != nullptr ? *t = g_now : g_now;
+}
+
+std::atomic<long> g_blocks{0};  // from operator new, not yet deleted
+__attribute__((noinline)) void* operator new(size_t size) {
+  void* block = malloc(size != 0 ? size : 1);
+  if (block == nullptr) throw std::bad_alloc();
+  g_blocks++;
+  return block;
+}
+__attribute__((noinline)) void operator delete(void* block) noexcept {
+  g_blocks -= block != nullptr;
+  free(block);
+}
+__attribute__((noinline)) void operator delete(void* block, size_t) noexcept {
+  operator delete(block);
 }
 
 using Lines = std::vector<std::string>;
@@ -121,15 +140,25 @@ inline Lines Traced(F run) {
 }
 
 // Every test starts from a fresh library with the callback logging and the
-// structure check on.
+// structure check on; CA_DEINIT then gives back every block it took.
 struct Fresh : testing::Test {
+  long blocks = 0;
   void SetUp() override {
-    CA_DEINIT();
+    CA_INIT(1);   // the statistics and the trace service keep their
+    CA_DEINIT();  // process-wide tables from here
+    YBTRACE_Clear();
     g_now = 1000000;
+    released = Lines();
+    blocks = g_blocks;
     CA_INIT(1);
     CA_SETFREE(&Release);
     CA_SETCHECK(1);
-    released.clear();
+  }
+  void TearDown() override {
+    CA_DEINIT();
+    released = Lines();
+    YBTRACE_Clear();  // the trace service's copies are not the library's
+    EXPECT_EQ(g_blocks, blocks) << "blocks the library kept";
   }
 };
 

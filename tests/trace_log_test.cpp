@@ -74,6 +74,12 @@ TEST(TraceLog, EveryCallWritesItsLineAfterItsWorkAlsoForInvalidHandles) {
   char when[32];
   asctime_r(localtime_r(&g_now, &local), when);
   EXPECT_EQ(stamps, Lines(want.size(), std::string(when, 24)));
+  g_now = 253402300800;  // the year 10000 does not fit asctime's layout
+  trace = new Trace(path.c_str());
+  trace->Write("late");
+  delete std::exchange(trace, nullptr);
+  EXPECT_TRUE(ReadLog(path, &(stamps = {})) == Lines{"late"} &&
+              stamps == Lines{"??? ??? ?? ??:??:?? ????"});
   remove(path.c_str());
   // A log that cannot be opened stays silent, and goes with the library.
   trace = new Trace((path + ".missing/trace.log").c_str());
