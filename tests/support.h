@@ -36,9 +36,7 @@ __attribute__((noinline)) void operator delete(void* block) noexcept {
   g_blocks -= block != nullptr;
   free(block);
 }
-__attribute__((noinline)) void operator delete(void* block, size_t) noexcept {
-  operator delete(block);
-}
+void operator delete(void* block, size_t) noexcept { operator delete(block); }
 
 using Lines = std::vector<std::string>;
 using Ints = std::vector<long>;

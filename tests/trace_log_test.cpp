@@ -13,6 +13,9 @@ void SeeLog(int, unsigned long, void*) {
 
 TEST(TraceLog, EveryCallWritesItsLineAfterItsWorkAlsoForInvalidHandles) {
   path = TempPath("trace_log");
+  struct tm local;
+  char when[32];
+  asctime_r(localtime_r(&g_now, &local), when);
   CA_DEINIT();
   trace = new Trace(path.c_str());
   alignas(8) unsigned char fake[32] = {'C', 'A', 'A', 'C', 0, 0, 1, 0};
@@ -39,7 +42,8 @@ TEST(TraceLog, EveryCallWritesItsLineAfterItsWorkAlsoForInvalidHandles) {
   EXPECT_FALSE(CA_GETSTAT(bad, 0, &stat) || CA_CHECKCACHE(0));
   EXPECT_FALSE(CA_SETCHECK(0) || CA_CHECKCACHE(0));  // off: no line
   Put(h, "z", "abc", 9);
-  for (void* by : {h, bad}) CA_CLOSE(by);             // the record goes too
+  for (void* by : {h, bad}) CA_CLOSE(by);  // the record goes too
+  g_now = 253402300800;  // the year 10000 does not fit asctime's layout
   std::thread([] { trace->Write("%d", 5); }).join();  // unlocked
   EXPECT_EQ(CA_DEINIT(), 1);
   EXPECT_EQ(trace, nullptr);
@@ -70,16 +74,9 @@ TEST(TraceLog, EveryCallWritesItsLineAfterItsWorkAlsoForInvalidHandles) {
   EXPECT_EQ(ReadLog(path, &stamps), want);
   // Each release saw the line of the call before the one that released it.
   EXPECT_EQ(lastAtRelease, (Lines{want[11], want[13], want[18]}));
-  struct tm local;
-  char when[32];
-  asctime_r(localtime_r(&g_now, &local), when);
-  EXPECT_EQ(stamps, Lines(want.size(), std::string(when, 24)));
-  g_now = 253402300800;  // the year 10000 does not fit asctime's layout
-  trace = new Trace(path.c_str());
-  trace->Write("late");
-  delete std::exchange(trace, nullptr);
-  EXPECT_TRUE(ReadLog(path, &(stamps = {})) == Lines{"late"} &&
-              stamps == Lines{"??? ??? ?? ??:??:?? ????"});
+  Lines stampsWanted(want.size() - 2, std::string(when, 24));
+  stampsWanted.resize(want.size(), "??? ??? ?? ??:??:?? ????");
+  EXPECT_EQ(stamps, stampsWanted);
   remove(path.c_str());
   // A log that cannot be opened stays silent, and goes with the library.
   trace = new Trace((path + ".missing/trace.log").c_str());
