@@ -115,6 +115,8 @@ TEST_F(Reclaim, APassErasesTheWorstGradedAboveTheMarkOnceBudgetIsPassed) {
   Put(t, "d", "v", 1);
   (cafree = controller)->busy = 0;
   EXPECT_EQ(Figures(t), (Ints{1048579, 4, 0, 1, 0}));
+  CA_CLOSE(t);  // the pass's own handle is gone: the cache goes with this one
+  EXPECT_EQ(Params(Open("default")).allocated, 0u);
 }
 
 TEST_F(Reclaim, ExpiredRecordsGoFirstEvenHeldAndBudgetZeroTakesAll) {

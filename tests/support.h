@@ -84,10 +84,12 @@ inline CAParams Params(void* h) {
   CA_GETCACHESTAT(h, &p);
   return p;
 }
-// Values added to a statistic slot of the handle's cache (null: library).
+// Values added to a statistic slot of the handle's cache (null: library),
+// each the time that something took.
 inline long Count(void* h, int slot) {
   _CAStat s{};
   CA_GETSTAT(h, slot, &s);
+  EXPECT_TRUE(s.count == 0 || s.min > 0) << "a stopwatch never started";
   return (long)s.count;
 }
 inline std::string KeyOf(const BTree* n) {
