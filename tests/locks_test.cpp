@@ -70,11 +70,11 @@ TEST(Locks, AMutexIsRecursiveExcludesOthersAndTimesOutOnlyWhileHeld) {
   EXPECT_EQ(Elsewhere([&] { return m.Enter(0); }).get(), -1);  // busy: -1
   // A waiter that an Exit wakes while the mutex stays held (one level of
   // three left) waits again for up to its whole time-out.
-  auto untimed = EnterElsewhere(m, -1), timed = EnterElsewhere(m, 1000);
+  auto untimed = EnterElsewhere(m, -1), timed = EnterElsewhere(m, 1999);
   CASleep(400);
   for (int level = 0; level < 2; ++level) m.Exit();
-  CASleep(800);
-  m.Exit();  // free at 1200 ms: past the first 1000, in the second
+  CASleep(1700);
+  m.Exit();  // free at 2100 ms: past the first 1999, in the second
   EXPECT_TRUE(untimed.get() + timed.get() == 2 && m.entries == 5) << m.entries;
 }
 
