@@ -99,7 +99,7 @@ TEST_F(Store, AListIsThePreorderOfEveryRecordInTheTree) {
 }
 
 TEST_F(Store, EveryOperationIsTimedInItsSlotAndTheLibraryStartsOnDemand) {
-  void* a = Open("a");
+  CACacheAction* a = Open("a");
   for (const char* k : {"k", "j"}) Put(a, k);
   void* hit = Hold(a, "k");
   EXPECT_TRUE(!Hold(a, "none") && !Hold(Open("b"), "k") && Query(a, hit).hits);
@@ -108,16 +108,14 @@ TEST_F(Store, EveryOperationIsTimedInItsSlotAndTheLibraryStartsOnDemand) {
   CA_QUERY(a, nullptr, nullptr);  // refused before any work: not timed
   CA_FREE(a, nullptr);
   Ints counts;  // the library's slots, then the cache's
-  for (void* of : {(void*)nullptr, a})
+  for (void* of : {(void*)nullptr, (void*)a})
     for (int slot = 0; slot < 9; ++slot) counts.push_back(Count(of, slot));
   EXPECT_EQ(counts,
             (Ints{2, 4, 2, 1, 1, 1, 0, 0, 0, 2, 3, 2, 1, 1, 1, 0, 0, 0}));
-  _CAStat one;  // every handle operation on "a", in the one slot of `timing`
-  CACache* c = static_cast<CACacheAction*>(a)->cache;
-  EXPECT_TRUE(Params(a).timing.count == 8 && !c->timing.Get(1, &one, 1));
+  _CAStat s;  // every handle operation on "a", in the one slot of `timing`
+  EXPECT_TRUE(Params(a).timing.count == 8 && !a->cache->timing.Get(1, &s, 1));
   CA_DEINIT();
   EXPECT_EQ(CA_CHECKCACHE(0), 0);  // does not start the library
-  _CAStat s;
   size_t inUse = 0;  // nor does what a cache or the library took stay behind
   for (int starter = 0; starter < 400; ++starter) {
     if (starter == 4) inUse = mallinfo2().uordblks;
