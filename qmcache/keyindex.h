@@ -24,6 +24,7 @@
 
 #include "caconst.h"
 #include "keyorder.h"
+#include "largepages.h"
 #include "prefetch.h"
 #include "qmcache/qmcache.hpp"
 
@@ -148,6 +149,7 @@ class KeyIndex {
   void Allocate(size_t capacity) {
     slots_ = static_cast<uint64_t*>(calloc(capacity, sizeof(uint64_t)));
     if (slots_ == nullptr) throw std::bad_alloc();
+    AdviseLargePages(slots_, capacity * sizeof(uint64_t));
     mask_ = capacity - 1;
   }
   void Place(BTree* node, uint64_t hash) {

@@ -19,6 +19,7 @@
 #include <new>
 #include <utility>
 
+#include "largepages.h"
 #include "qmcache/qmcache.hpp"
 
 class NodeArena {
@@ -65,9 +66,10 @@ class NodeArena {
   struct Chunk {
     Chunk* next;
   };
-  // The first chunk's size; later ones double up to the largest.
+  // The first chunk's size; later ones double up to the largest, which
+  // holds three 2 MiB pages whatever malloc's alignment (largepages.h).
   static constexpr size_t kFirstChunk = 4096;
-  static constexpr size_t kLargestChunk = 1 << 20;
+  static constexpr size_t kLargestChunk = 8 << 20;
 
   static size_t RoundUp8(size_t n) { return (n + 7) & ~size_t{7}; }
 
@@ -78,6 +80,7 @@ class NodeArena {
     while (size < head + block) size *= 2;
     auto* chunk = static_cast<Chunk*>(malloc(size));
     if (chunk == nullptr) throw std::bad_alloc();
+    AdviseLargePages(chunk, size);
     chunk->next = chunks_;
     chunks_ = chunk;
     free_ = reinterpret_cast<unsigned char*>(chunk) + head;
