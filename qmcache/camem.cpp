@@ -109,8 +109,12 @@ CARecord* NewRecord(unsigned long size, unsigned long length, void* data,
                     long lifetime) {
   // One heap block for the record and its data: one allocation instead of
   // two, and the data on the cache lines that follow the record's fields.
+  // The cache's slab gives the blocks it has classes for.
   if (size < kLargestBlockBehind) {
-    void* block = ::operator new(sizeof(CARecord) + size + 1, std::nothrow);
+    const unsigned long bytes = sizeof(CARecord) + size + 1;
+    void* block =
+        cache != nullptr ? StateOf(cache)->slab->Allocate(bytes) : nullptr;
+    if (block == nullptr) block = ::operator new(bytes, std::nothrow);
     if (block != nullptr) {
       return new (block) CARecord(CARecord::BlockGiven(), size, length, data,
                                   node, cache, tag, flags, lifetime);
@@ -122,8 +126,14 @@ CARecord* NewRecord(unsigned long size, unsigned long length, void* data,
 }
 
 void DeleteRecord(CARecord* record) {
+  // The slab is found before the destructor runs the release callback,
+  // which may end the cache (the slab then outlives it, for this block).
+  RecordSlab* slab =
+      record->cache != nullptr ? StateOf(record->cache)->slab : nullptr;
   record->~CARecord();
-  ::operator delete(record);
+  const bool given =
+      slab != nullptr ? slab->Free(record) : RecordSlab::FreeOrphan(record);
+  if (!given) ::operator delete(record);
 }
 
 namespace {

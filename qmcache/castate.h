@@ -21,8 +21,15 @@
 #include "nodearena.h"
 #include "qmcache/qmcache.hpp"
 #include "quietpass.h"
+#include "recordslab.h"
 
 struct CacheState {
+  CacheState() = default;
+  CacheState(const CacheState&) = delete;
+  CacheState& operator=(const CacheState&) = delete;
+  // The cache's end; its records' slab goes with its last block.
+  ~CacheState() { RecordSlab::Abandon(slab); }
+
   // Records that left the tree while held and are still alive. A destroyed
   // cache clears their `cache`, so their last release touches no dead cache.
   std::unordered_set<CARecord*> detachedHeld;
@@ -32,6 +39,8 @@ struct CacheState {
   NodeArena nodes;
   // The cache's last pass, if it found nothing (quietpass.h).
   QuietPass quietPass;
+  // The heap blocks of the cache's records (recordslab.h).
+  RecordSlab* slab = new RecordSlab();
 };
 
 // The state of a cache, from construction to destruction.

@@ -1,6 +1,5 @@
 // SPDX-License-Identifier: MIT
 // The data buffer (CAMem) and a record's data behind it.
-#include <malloc.h>
 #include <string.h>
 
 #include "support.h"
@@ -20,13 +19,13 @@ TEST(Platform, ABufferHoldsSizePlusOneBytesGrowsAndKnowsItIsSound) {
   // result, the size and whether the data is still behind the record.
   auto behind = [r] { return r->data == (unsigned char*)(r + 1); };
   const long b = behind();
-  Ints got = {r->checkmem(0),
-              b == (malloc_usable_size(r) > sizeof(CARecord) + 16)};
+  Ints got = {r->checkmem(0)};
+  if (b) r->data[16] = 0;  // ASan watches the block's end
   for (const Ints& s : {Ints{0, 2}, {3, 1000}, {0, 2000}, {0, -1}}) {
     r->state = s[0];
     got.insert(got.end(), {r->realloc(s[1]), (long)r->size, behind()});
   }
-  EXPECT_EQ(got, Ints({0, 1, 1, 16, b, 0, 1000, 0, 1, 2000, 0, -1, 2000, 0}));
+  EXPECT_EQ(got, Ints({0, 1, 16, b, 0, 1000, 0, 1, 2000, 0, -1, 2000, 0}));
   r->external = 1;  // left alone, and not sound with a block
   EXPECT_TRUE(r->realloc(9999) == 1 && r->size == 2000 && r->checkmem(0) == 1);
   // Grown, it still has its extra byte (ASan); a spoiled mark is unsound.

@@ -6,6 +6,13 @@
 
 #include "support.h"
 
+#if defined(__SANITIZE_ADDRESS__)
+extern "C" size_t __sanitizer_get_current_allocated_bytes();
+size_t HeapInUse() { return __sanitizer_get_current_allocated_bytes(); }
+#else
+size_t HeapInUse() { return mallinfo2().uordblks + mallinfo2().hblkhd; }
+#endif
+
 // "maxBytes allocated nodes usedNodes" of the handle's cache.
 std::string Counters(void* h) {
   CAParams p = Params(h);
@@ -45,6 +52,27 @@ TEST_F(Store, ACacheIsSharedByNameAndLivesWhileAHandleDoes) {
   CA_CLOSE(a);  // the last handle: the cache and its records go
   EXPECT_EQ(released, Lines{"v"});
   EXPECT_EQ(Counters(Open("c")), "1048576 0 0 0");  // a new cache
+}
+
+TEST_F(Store, ARecordsBytesGoBackWithItEvenWhenItOutlivesItsCache) {
+  const std::string value(64, 'v');  // a record takes over 104 + 65 bytes
+  void* a = Open("a");
+  auto fill = [&] {
+    for (unsigned i = 0; i < 4000; ++i) Put(a, Key(i), value, -1, 0);
+  };
+  fill();
+  const size_t filled = HeapInUse();
+  for (unsigned i = 0; i < 4000; ++i) CA_ERASE(a, Hold(a, Key(i)));
+  EXPECT_LT(HeapInUse() + 4000 * 169, filled);  // the nodes stay
+  fill();
+  void* held[] = {Hold(a, Key(7)), Hold(a, Key(3999))};
+  CA_CLOSE(a);
+  CA_FREE(Open("b"), held[0]);  // through a handle of another cache
+  CAQuery q = Query(Open("b"), held[1]);
+  EXPECT_EQ(std::string((char*)q.data, q.dataLength), value);
+  const size_t closed = HeapInUse();
+  CA_FREE(Open("b"), held[1]);
+  EXPECT_LT(HeapInUse() + 169, closed);
 }
 
 TEST_F(Store, InsertCopiesSearchHoldsQueryTellsAndSize0StoresNothing) {
