@@ -366,6 +366,7 @@ void CAFree::RebuildTree(CACacheAction* action) {
   CacheState* state = StateOf(cache);
   KeyIndex& index = state->index;
   index.Reset(cache->params.usedNodes);
+  state->top.Reset();
   NodeArena fresh;  // the new tree's nodes
   BTree* made[kRebuildBatch];
   auto flush = [&] {

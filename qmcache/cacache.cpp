@@ -216,6 +216,7 @@ CACache::~CACache() {
   tree = nullptr;
   StateOf(this)->nodes.Release();
   StateOf(this)->index.Reset(0);
+  StateOf(this)->top.Reset();
   // Held records outlive the cache: they forget it, so that their last
   // release does not update this cache's byte count.
   OrphanDetachedRecords(this);
@@ -370,7 +371,8 @@ BTree* NodeForKey(CACache* c, unsigned char* key, unsigned long keyLength,
     node = state->nodes.Make(key, keyLength, nullptr, &c->tree);
     c->tree = node;
   } else {
-    node = InsertNode(c->tree, key, keyLength, existed, &state->nodes);
+    node = state->top.Insert(c->tree, key, keyLength, existed, &state->nodes,
+                             c->params.nodes);
     assert(*existed == 0);
   }
   state->index.Add(node);

@@ -93,10 +93,6 @@ inline void MakeLeaf(BTree* n, unsigned char* store, unsigned long keyLength,
   n->leftHeight = n->rightHeight = 0;
 }
 
-// BTree::Insert for a record tree: a new node comes from `arena`.
-BTree* InsertNode(BTree* root, unsigned char* key, unsigned long keyLength,
-                  int* existed, NodeArena* arena);
-
 // The node with exactly this key in the cache's record tree (empty nodes
 // included), or null. Found through the index; a debug build checks it
 // against the tree's own descent.

@@ -22,6 +22,7 @@
 #include "qmcache/qmcache.hpp"
 #include "quietpass.h"
 #include "recordslab.h"
+#include "treetop.h"
 
 struct CacheState {
   CacheState() = default;
@@ -35,6 +36,8 @@ struct CacheState {
   std::unordered_set<CARecord*> detachedHeld;
   // Every node of the record tree by its key (keyindex.h).
   KeyIndex index;
+  // A copy of the record tree's top levels for inserts (treetop.h).
+  TreeTop top;
   // The record tree's nodes (nodearena.h).
   NodeArena nodes;
   // The cache's last pass, if it found nothing (quietpass.h).

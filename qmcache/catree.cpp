@@ -198,11 +198,13 @@ BTree* BTree::Search(unsigned char* key, unsigned long keyLength) {
 
 namespace {
 
-// BTree::Insert, with the new node made by `make(key, keyLength, parent,
-// parentLink)`.
+// The descent of BTree::Insert from `n`: the node with the key (`existed`
+// 1), or a new leaf made by `make(key, keyLength, parent, parentLink)` and
+// linked where the key belongs, not yet rebalanced. `depth` counts the
+// levels descended.
 template <class Make>
-BTree* InsertWith(BTree* n, unsigned char* key, unsigned long keyLength,
-                  int* existed, Make make) {
+BTree* DescendAndLink(BTree* n, unsigned char* key, unsigned long keyLength,
+                      int* existed, Make make, int* depth) {
   for (;;) {
     // Both children (and the key behind a node that keeps it there) are
     // fetched while this key is compared: a descent in a large tree is
@@ -217,6 +219,7 @@ BTree* InsertWith(BTree* n, unsigned char* key, unsigned long keyLength,
       return n;
     }
     BTree** link = c > 0 ? &n->left : &n->right;
+    ++*depth;
     if (*link != nullptr) {
       n = *link;
       continue;
@@ -224,7 +227,6 @@ BTree* InsertWith(BTree* n, unsigned char* key, unsigned long keyLength,
     *existed = 0;
     BTree* node = make(key, keyLength, n, link);
     *link = node;
-    node->ReOrg();
     return node;
   }
 }
@@ -233,18 +235,33 @@ BTree* InsertWith(BTree* n, unsigned char* key, unsigned long keyLength,
 
 BTree* BTree::Insert(unsigned char* key, unsigned long keyLength,
                      int* existed) {
-  return InsertWith(this, key, keyLength, existed,
-                    [](unsigned char* k, unsigned long n, BTree* parent,
-                       BTree** link) { return new BTree(k, n, parent, link); });
+  int depth = 0;
+  BTree* node = DescendAndLink(
+      this, key, keyLength, existed,
+      [](unsigned char* k, unsigned long n, BTree* parent, BTree** link) {
+        return new BTree(k, n, parent, link);
+      },
+      &depth);
+  if (*existed == 0) node->ReOrg();
+  return node;
+}
+
+BTree* LinkNode(BTree* from, unsigned char* key, unsigned long keyLength,
+                int* existed, NodeArena* arena, int* depth) {
+  return DescendAndLink(
+      from, key, keyLength, existed,
+      [arena](unsigned char* k, unsigned long n, BTree* parent, BTree** link) {
+        return arena->Make(k, n, parent, link);
+      },
+      depth);
 }
 
 BTree* InsertNode(BTree* root, unsigned char* key, unsigned long keyLength,
                   int* existed, NodeArena* arena) {
-  return InsertWith(
-      root, key, keyLength, existed,
-      [arena](unsigned char* k, unsigned long n, BTree* parent, BTree** link) {
-        return arena->Make(k, n, parent, link);
-      });
+  int depth = 0;
+  BTree* node = LinkNode(root, key, keyLength, existed, arena, &depth);
+  if (*existed == 0) node->ReOrg();
+  return node;
 }
 
 // Climbs from a newly linked node while the subtree it is in grows, and
@@ -252,27 +269,33 @@ BTree* InsertNode(BTree* root, unsigned char* key, unsigned long keyLength,
 // the rotated subtree is then as high as before the insertion, so nothing
 // above it changes.
 void BTree::ReOrg() {
-  BTree* n = this;
+  int climbed = 0;
+  ReOrgClimb(this, &climbed);
+}
+
+BTree* ReOrgClimb(BTree* node, int* climbed) {
+  BTree* n = node;
   for (;;) {
     BTree* p = n->parent;
-    if (p == nullptr) return;
+    if (p == nullptr) return nullptr;
+    ++*climbed;
     if (p->left == n) {
       p->leftHeight++;
       if (Max(p->leftHeight, p->rightHeight) >
           Max(n->leftHeight, Max(n->rightHeight, p->rightHeight) + 1)) {
         RotateRight(p, n);
-        return;
+        return p;
       }
-      if (p->leftHeight <= p->rightHeight) return;
+      if (p->leftHeight <= p->rightHeight) return nullptr;
     } else {
       assert(p->right == n);
       p->rightHeight++;
       if (Max(p->leftHeight, p->rightHeight) >
           Max(n->rightHeight, Max(n->leftHeight, p->leftHeight) + 1)) {
         RotateLeft(p, n);
-        return;
+        return p;
       }
-      if (p->rightHeight <= p->leftHeight) return;
+      if (p->rightHeight <= p->leftHeight) return nullptr;
     }
     n = p;
   }

@@ -94,4 +94,18 @@ class NodeArena {
   size_t nextChunk_ = kFirstChunk;
 };
 
+// BTree::Insert for a record tree, whose new nodes come from its arena
+// (catree.cpp).
+BTree* InsertNode(BTree* root, unsigned char* key, unsigned long keyLength,
+                  int* existed, NodeArena* arena);
+
+// InsertNode's two steps. LinkNode descends from `from` to the key's node
+// (`existed` 1) or links a new leaf from `arena` where the key belongs,
+// adding the levels it descends to `depth`. ReOrgClimb then rebalances
+// like BTree::ReOrg: it returns the node it rotated at, or null, and adds
+// to `climbed` the levels from the leaf up to that node.
+BTree* LinkNode(BTree* from, unsigned char* key, unsigned long keyLength,
+                int* existed, NodeArena* arena, int* depth);
+BTree* ReOrgClimb(BTree* node, int* climbed);
+
 #endif  // QMCACHE_NODEARENA_H

@@ -3,6 +3,8 @@
 // self-check finds sound) and its walk.
 #include <string.h>
 
+#include <random>
+
 #include "support.h"
 
 unsigned char* Bytes(const std::string& k) { return (unsigned char*)k.data(); }
@@ -79,4 +81,25 @@ TEST(KeyTree, SingleRotationsGiveTheseShapesAndTheWalkFollowsThem) {
   t.root->CheckTreeRoot();
   EXPECT_NE(testing::internal::GetCapturedStdout().find("Compare problem"),
             std::string::npos);
+}
+
+// A cache's tree has the shape BTree::Insert gives the same keys in the same
+// order, however the cache's inserts descend: keys of 16 random bytes, keys
+// sharing their first eight bytes (all 0xFF among them), keys under eight.
+TEST(KeyTree, ACachesTreeHasTheShapeBTreeInsertGivesItsKeys) {
+  std::mt19937 random(7);
+  void* h = Open("shape");
+  Tree plain;
+  for (int i = 0; i < 30000; ++i) {
+    std::string k(i % 7 == 0 ? random() % 8 : 16, 0);
+    for (char& c : k) c = (char)random();
+    if (i % 5 == 0 && k.size() == 16) k.replace(0, 8, 8, i % 2 ? 'x' : '\xff');
+    Put(h, k, "v", 1, 0);
+    plain.Insert(k);
+  }
+  Ints depths[2];
+  EXPECT_EQ(Walk(static_cast<CACacheAction*>(h)->cache->tree, 0, &depths[0]),
+            Walk(plain.root, 0, &depths[1]));
+  EXPECT_EQ(depths[0], depths[1]);
+  CA_DEINIT();
 }
