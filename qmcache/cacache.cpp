@@ -360,20 +360,22 @@ namespace {
 
 // The key's node in the cache's tree, added (empty) when the key is new;
 // `existed` tells which. Only a new key descends the tree, to link its node
-// in (the root may change: nothing keeps it).
+// in (the root may change: nothing keeps it). The key's slot in the index
+// is fetched first, and looked at once the tree's top has been read.
 BTree* NodeForKey(CACache* c, unsigned char* key, unsigned long keyLength,
                   int* existed) {
-  BTree* node = FindNode(c, key, keyLength);
-  *existed = node != nullptr;
-  if (node != nullptr) return node;
   CacheState* state = StateOf(c);
+  state->index.PrefetchSlot(key, keyLength);
+  auto find = [&] { return FindNode(c, key, keyLength); };
+  BTree* node;
   if (c->tree == nullptr) {
+    *existed = 0;
     node = state->nodes.Make(key, keyLength, nullptr, &c->tree);
     c->tree = node;
   } else {
     node = state->top.Insert(c->tree, key, keyLength, existed, &state->nodes,
-                             c->params.nodes);
-    assert(*existed == 0);
+                             c->params.nodes, find);
+    if (*existed != 0) return node;
   }
   state->index.Add(node);
   return node;

@@ -50,6 +50,11 @@ class KeyIndex {
     }
   }
 
+  // Fetches the slot where Find(key, keyLength) starts.
+  void PrefetchSlot(const unsigned char* key, unsigned long keyLength) const {
+    if (slots_ != nullptr) Prefetch(&slots_[Hash(key, keyLength) & mask_]);
+  }
+
   // False once a node lay beyond the 48 bits that a slot holds (never seen
   // on x86-64 Linux, whose user addresses have 47): the owner then finds
   // its nodes by descending the tree.

@@ -18,7 +18,8 @@
 // kSmallestTree nodes, and dropped (Reset) when the tree is replaced.
 //
 // The shortcut is removed by deleting this file and NodeForKey's call of
-// Insert (InsertNode in its place), with the two calls of Reset.
+// Insert (FindNode, then InsertNode, in its place), with the two calls of
+// Reset.
 #ifndef QMCACHE_TREETOP_H
 #define QMCACHE_TREETOP_H
 
@@ -42,15 +43,31 @@ class TreeTop {
   TreeTop(const TreeTop&) = delete;
   TreeTop& operator=(const TreeTop&) = delete;
 
-  // InsertNode(root, ...) for a tree of `nodes` nodes.
+  // InsertNode(root, ...) for a tree of `nodes` nodes, asking `find()`
+  // for the key's node (null when the key is new) before it reads a node
+  // or links one: the caller's quicker way to a key the tree has, which
+  // then has the time the copy's steps take to fetch its memory.
+  template <class Find>
   BTree* Insert(BTree* root, unsigned char* key, unsigned long keyLength,
-                int* existed, NodeArena* arena, size_t nodes) {
-    if (!Ready(root, nodes))
-      return InsertNode(root, key, keyLength, existed, arena);
+                int* existed, NodeArena* arena, size_t nodes, Find find) {
+    if (!Ready(root, nodes)) {
+      BTree* found = find();
+      *existed = found != nullptr;
+      return found != nullptr
+                 ? found
+                 : InsertNode(root, key, keyLength, existed, arena);
+    }
     const uint64_t prefix = PrefixOf(key, keyLength);
     size_t at[kLevels];  // the entry of each level on the key's path
     size_t i = 1;
     int depth = 0;
+    // find(), asked once before the first node is read or linked.
+    bool asked = false;
+    auto known = [&]() -> BTree* {
+      if (asked) return nullptr;
+      asked = true;
+      return find();
+    };
     BTree* node;
     for (;;) {
       const Entry& e = entries_[i];
@@ -60,6 +77,10 @@ class TreeTop {
       if (prefix != kNoPrefix && e.prefix != kNoPrefix && e.prefix != prefix) {
         c = e.prefix > prefix ? 1 : -1;
       } else {
+        if (BTree* found = known()) {
+          *existed = 1;
+          return found;
+        }
         c = KeyOrder(n->key, n->keyLength, key, keyLength);
         if (c == 0) {
           *existed = 1;
@@ -69,6 +90,12 @@ class TreeTop {
       BTree** link = c > 0 ? &n->left : &n->right;
       const size_t child = 2 * i + (c > 0 ? 0 : 1);
       depth++;
+      if (depth == kLevels || entries_[child].node == nullptr) {
+        if (BTree* found = known()) {
+          *existed = 1;
+          return found;
+        }
+      }
       if (depth < kLevels) {
         if (entries_[child].node != nullptr) {
           if (depth + 1 < kLevels) Prefetch(&entries_[2 * child]);
