@@ -9,7 +9,8 @@
 // such pages the advice is refused and ignored.
 //
 // The shortcut changes no result: making AdviseLargePages' body empty
-// removes it whole.
+// removes it whole, and so does building with QMCACHE_WITHOUT_LARGE_PAGES
+// (how the benchmark measures what it saves).
 #ifndef QMCACHE_LARGEPAGES_H
 #define QMCACHE_LARGEPAGES_H
 
@@ -21,6 +22,9 @@
 constexpr size_t kLargePage = size_t{2} << 20;
 
 inline void AdviseLargePages(void* block, size_t bytes) {
+#ifdef QMCACHE_WITHOUT_LARGE_PAGES
+  return;
+#endif
   if (block == nullptr || bytes < kLargePage) return;
   const uintptr_t begin = reinterpret_cast<uintptr_t>(block);
   const uintptr_t first = (begin + kLargePage - 1) & ~(kLargePage - 1);

@@ -16,6 +16,7 @@
 #include <stddef.h>
 #include <stdlib.h>
 
+#include <algorithm>
 #include <new>
 #include <utility>
 
@@ -52,21 +53,22 @@ class NodeArena {
     }
     free_ = nullptr;
     left_ = 0;
-    nextChunk_ = kFirstChunk;
+    held_ = 0;
   }
 
   void Swap(NodeArena& other) {
     std::swap(chunks_, other.chunks_);
     std::swap(free_, other.free_);
     std::swap(left_, other.left_);
-    std::swap(nextChunk_, other.nextChunk_);
+    std::swap(held_, other.held_);
   }
 
  private:
   struct Chunk {
     Chunk* next;
   };
-  // The first chunk's size; later ones double up to the largest, which
+  // A new chunk holds an eighth of what the arena holds already, so that
+  // at most about an eighth lies unused, within these bounds; the largest
   // holds three 2 MiB pages whatever malloc's alignment (largepages.h).
   static constexpr size_t kFirstChunk = 4096;
   static constexpr size_t kLargestChunk = 8 << 20;
@@ -76,7 +78,7 @@ class NodeArena {
   // A chunk with room for `block` bytes becomes the newest.
   void NewChunk(size_t block) {
     const size_t head = RoundUp8(sizeof(Chunk));
-    size_t size = nextChunk_;
+    size_t size = std::min(kLargestChunk, std::max(kFirstChunk, held_ / 8));
     while (size < head + block) size *= 2;
     auto* chunk = static_cast<Chunk*>(malloc(size));
     if (chunk == nullptr) throw std::bad_alloc();
@@ -85,13 +87,13 @@ class NodeArena {
     chunks_ = chunk;
     free_ = reinterpret_cast<unsigned char*>(chunk) + head;
     left_ = size - head;
-    if (nextChunk_ < kLargestChunk) nextChunk_ *= 2;
+    held_ += size;
   }
 
   Chunk* chunks_ = nullptr;
   unsigned char* free_ = nullptr;  // the unused rest of the newest chunk
   size_t left_ = 0;
-  size_t nextChunk_ = kFirstChunk;
+  size_t held_ = 0;  // bytes in chunks
 };
 
 // BTree::Insert for a record tree, whose new nodes come from its arena
