@@ -76,12 +76,7 @@ class KeyIndex {
     for (size_t i = 0; i < n; i++) usable_ &= !(Address(nodes[i]) & kTagMask);
     if (!usable_ || n == 0) return;
     if ((count_ + n) * 10 > Capacity() * 7) Grow(count_ + n);
-    uint64_t hashes[kBatch];
-    for (size_t i = 0; i < n; i++) {
-      hashes[i] = Hash(nodes[i]->key, nodes[i]->keyLength);
-      Prefetch(&slots_[hashes[i] & mask_], 1, true);
-    }
-    for (size_t i = 0; i < n; i++) Place(nodes[i], hashes[i]);
+    PlaceGroup(nodes, n);
     count_ += n;
   }
 
@@ -162,17 +157,39 @@ class KeyIndex {
     while (slots_[i] != 0) i = (i + 1) & mask_;
     slots_[i] = (hash & kTagMask) | reinterpret_cast<uintptr_t>(node);
   }
+  // Places `n` nodes (at most kBatch): their slots are fetched together
+  // before any is filled.
+  void PlaceGroup(BTree* const* nodes, size_t n) {
+    uint64_t hashes[kBatch];
+    for (size_t i = 0; i < n; i++) {
+      hashes[i] = Hash(nodes[i]->key, nodes[i]->keyLength);
+      Prefetch(&slots_[hashes[i] & mask_], 1, true);
+    }
+    for (size_t i = 0; i < n; i++) Place(nodes[i], hashes[i]);
+  }
   void Grow(size_t needed) {
     uint64_t* old = slots_;
     const size_t oldCapacity = Capacity();
     slots_ = nullptr;
     Allocate(Fitting(needed) < 2 * oldCapacity ? 2 * oldCapacity
                                                : Fitting(needed));
+    // Every node's key is read again, from all over the arena: a group of
+    // nodes is fetched together (with the key behind each) before any is
+    // hashed.
+    constexpr size_t kGroup = 32;
+    static_assert(kGroup <= kBatch, "a group is placed as a batch");
+    BTree* group[kGroup];
+    size_t n = 0;
     for (size_t i = 0; i < oldCapacity; i++) {
       if (old[i] == 0) continue;
-      BTree* node = NodeIn(old[i]);
-      Place(node, Hash(node->key, node->keyLength));
+      group[n] = NodeIn(old[i]);
+      Prefetch(group[n], 2);
+      if (++n == kGroup) {
+        PlaceGroup(group, n);
+        n = 0;
+      }
     }
+    PlaceGroup(group, n);
     free(old);
   }
 
