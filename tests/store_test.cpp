@@ -6,7 +6,8 @@
 
 #include "support.h"
 
-#if defined(__SANITIZE_ADDRESS__)
+// Heap bytes in use; 0 under valgrind, whose heap keeps no such figure.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
 extern "C" size_t __sanitizer_get_current_allocated_bytes();
 size_t HeapInUse() { return __sanitizer_get_current_allocated_bytes(); }
 #else
@@ -63,7 +64,7 @@ TEST_F(Store, ARecordsBytesGoBackWithItEvenWhenItOutlivesItsCache) {
   fill();
   const size_t filled = HeapInUse();
   for (unsigned i = 0; i < 4000; ++i) CA_ERASE(a, Hold(a, Key(i)));
-  EXPECT_LT(HeapInUse() + 4000 * 169, filled);  // the nodes stay
+  EXPECT_TRUE(filled == 0 || HeapInUse() + 4000 * 169 < filled);  // nodes stay
   fill();
   void* held[] = {Hold(a, Key(7)), Hold(a, Key(3999))};
   CA_CLOSE(a);
@@ -72,7 +73,7 @@ TEST_F(Store, ARecordsBytesGoBackWithItEvenWhenItOutlivesItsCache) {
   EXPECT_EQ(std::string((char*)q.data, q.dataLength), value);
   const size_t closed = HeapInUse();
   CA_FREE(Open("b"), held[1]);
-  EXPECT_LT(HeapInUse() + 169, closed);
+  EXPECT_TRUE(closed == 0 || HeapInUse() + 169 < closed);
 }
 
 TEST_F(Store, InsertCopiesSearchHoldsQueryTellsAndSize0StoresNothing) {
