@@ -199,7 +199,9 @@ class TreeTop {
 
   Entry* entries_ = nullptr;
   bool ready_ = false;
-  unsigned long inserts_ = 0;  // through the copy (a debug build counts)
+#ifndef NDEBUG
+  unsigned long inserts_ = 0;  // through the copy
+#endif
 };
 
 #endif  // QMCACHE_TREETOP_H
