@@ -44,9 +44,8 @@ LAYER_N = 1000
 # The speed shortcuts measured one by one: (name, where it lives). The
 # bench preset builds libqmcache without each (bench/CMakeLists.txt).
 SHORTCUTS = [
-    ("large_pages", "2 MiB pages for the node arena's chunks, the key "
-     "index's table and the record slab's chunks: qmcache/largepages.h, "
-     "`AdviseLargePages`"),
+    ("large_pages", "2 MiB pages for the node arena's chunks and the key "
+     "index's table: qmcache/largepages.h, `AdviseLargePages`"),
     ("record_slab", "record blocks from a slab of the cache's own instead "
      "of malloc: qmcache/recordslab.h, `RecordSlab` (`NewRecord`, "
      "`DeleteRecord`)"),
