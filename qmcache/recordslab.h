@@ -21,11 +21,11 @@
 // its blocks are given back under that list's lock (from any thread), and
 // it goes with its last block.
 //
-// The shortcut is removed by deleting this file and NewRecord's call of
-// Allocate (DeleteRecord then finds no slab owning a block and deletes it);
-// building with QMCACHE_WITHOUT_RECORD_SLAB makes Allocate refuse every
-// block, which has the same effect (how the benchmark measures what the
-// slab saves).
+// The shortcut is removed by deleting this file, the `slab` of CacheState
+// (castate.h) and the slab's calls in NewRecord and DeleteRecord (a record
+// is then a heap block of its own again); building with
+// QMCACHE_WITHOUT_RECORD_SLAB makes Allocate refuse every block, which has the
+// same effect (how the benchmark measures what the slab saves).
 #ifndef QMCACHE_RECORDSLAB_H
 #define QMCACHE_RECORDSLAB_H
 
